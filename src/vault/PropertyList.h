@@ -1,0 +1,17 @@
+#pragma once
+// Plain property lists (XML or binary, through libplist) to and from Values.
+// Keyed archives are a layer above this (KeyedArchive.h).
+#include <optional>
+
+#include "toolkit/QVError.h"
+#include "vault/Value.h"
+
+namespace qv {
+
+// Parses XML or binary property-list bytes. nullopt with error 1001 on bad input.
+std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error);
+// Serialises strings, numbers, data, dates, arrays and dictionaries with string keys.
+// nullopt if the value holds anything else.
+std::optional<Bytes> QVPropertyListToXML(const Value& value);
+
+} // namespace qv
