@@ -14,6 +14,8 @@ namespace qv {
 
 using Bytes = std::vector<uint8_t>;
 
+class KeyedEncoder;  // vault/KeyedArchive.h
+
 // Base of every reference-counted object that can stand in a Value (records,
 // record boxes, Folder Sets, and the live objects of a face such as an operation).
 class Object {
@@ -21,6 +23,13 @@ public:
     virtual ~Object() = default;
     // The class name under which the object is archived (empty: not archivable).
     virtual std::string className() const = 0;
+    // Writes the object's fields into a keyed archive. Objects that can't be archived
+    // keep this default and make archiving fail. Decoding goes through the class
+    // registry of vault/KeyedArchive.h.
+    virtual bool encodeWithCoder(KeyedEncoder& coder) const {
+        (void)coder;
+        return false;
+    }
 };
 using ObjectRef = std::shared_ptr<Object>;
 
