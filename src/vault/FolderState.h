@@ -1,0 +1,15 @@
+#pragma once
+// The live state of a folder, asked of the system rather than of its records.
+#include "toolkit/QVError.h"
+#include "vault/QVRecord.h"
+
+namespace qv {
+
+// Whether the folder's mountpoint is a mounted volume. This, and not a face's
+// `locked` field, is the truth about a folder. When the answer can't be found out,
+// it logs the reason, answers false and fills *error (when given) with the
+// underlying code and "Couldn't figure out if folder is locked or unlocked.
+// Reason:\n\n" followed by the reason. Defined with the mount test in disk/.
+bool QVFolderIsUnlocked(const QVRecordRef& folder, QVError* error);
+
+} // namespace qv
