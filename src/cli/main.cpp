@@ -1,10 +1,62 @@
+// qv: Quillvane on the command line. It runs the same core as the desktop
+// application; passwords are read from the terminal or standard input, never
+// from the arguments.
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli/Cli.h"
+#include "toolkit/Log.h"
+
+namespace {
+
+const char* kUsage =
+    "usage: qv [--verbose] <command> [arguments]\n"
+    "\n"
+    "Folder Sets (passwords are typed on the terminal, or read one per line from\n"
+    "standard input when it is not a terminal; never given as arguments):\n"
+    "  qv set create      make a new Folder Set (the password typed twice)\n"
+    "  qv set check       does a password open a Folder Set? (exit status 0 or 3)\n"
+    "  qv set passwd      change a Folder Set's password (current, then new)\n"
+    "  qv folders         list the folders of the set a password opens\n"
+    "  qv backup          copy the master file into the Backups folder\n"
+    "\n"
+    "  --verbose          also print the log on standard error\n"
+    "  --help             this text\n"
+    "\n"
+    "Exit status: 0 success, 1 failure, 2 usage, 3 wrong password, 4 refused.\n";
+
+} // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2 || !std::strcmp(argv[1], "--help")) {
-        std::puts("usage: qv <command>");
-        return argc < 2 ? 2 : 0;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    while (!args.empty() && args.front().rfind("--", 0) == 0) {
+        if (args.front() == "--help") {
+            std::fputs(kUsage, stdout);
+            return qv::cli::ExitOK;
+        }
+        if (args.front() == "--verbose") {
+            qv::QVLogSetStderr(true);
+        } else {
+            qv::cli::complain("unknown option " + args.front());
+            return qv::cli::ExitUsage;
+        }
+        args.erase(args.begin());
     }
-    return 2;
+    if (args.empty()) {
+        std::fputs(kUsage, stderr);
+        return qv::cli::ExitUsage;
+    }
+    const std::string command = args.front();
+    args.erase(args.begin());
+    if (command == "set") return qv::cli::cmdSet(args);
+    if (command == "folders") return qv::cli::cmdFolders(args);
+    if (command == "backup") return qv::cli::cmdBackup(args);
+    if (command == "help") {
+        std::fputs(kUsage, stdout);
+        return qv::cli::ExitOK;
+    }
+    qv::cli::complain("unknown command '" + command + "' (see qv --help)");
+    return qv::cli::ExitUsage;
 }

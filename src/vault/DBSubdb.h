@@ -37,6 +37,9 @@ public:
     // content is overwritten with random characters of the same length, so a
     // callback that needs the password later must copy it.
     void withPassword(const std::function<void(std::string& password)>& callback) const;
+    // The same, handing out the string itself: a callback that keeps it finds
+    // random characters of the same length in it afterwards.
+    void withPasswordBuffer(const std::function<void(const std::shared_ptr<std::string>& password)>& callback) const;
 
     int32_t addClient();
     int32_t removeClient();
@@ -65,6 +68,7 @@ public:
     // Archived as an empty placeholder: neither the password nor the folder list
     // reaches a file through a folder's reference to its set.
     std::string className() const override { return "DBSubdb"; }
+    bool encodeWithCoder(KeyedEncoder& coder) const override;
 
 private:
     ArrayRef folderArray();

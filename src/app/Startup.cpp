@@ -1,0 +1,42 @@
+#include "app/Startup.h"
+
+#include <filesystem>
+
+#include "app/OldDataMigration.h"
+#include "app/UserDefaults.h"
+#include "disk/Locations.h"
+#include "toolkit/Log.h"
+
+namespace qv {
+
+DBMasterRef reloadMasterDB(QVError* error) {
+    return DBMaster::initWithMasterDBURL(quillvaneURL(QVLocationDatabase), false, error);
+}
+
+QVLaunchResult QVOpenMasterDatabaseAtLaunch(QVError* error) {
+    QVLaunchResult result;
+    registerQuillvaneDefaults();
+    moveOldDataIfNeeded();
+    std::error_code ec;
+    result.databaseExisted = std::filesystem::exists(quillvaneURL(QVLocationDatabase), ec);
+    QVError openError;
+    DBMasterRef master = reloadMasterDB(&openError);
+    if (!master) {
+        result.errorTitle = QVFailedToCreateDatabaseTitle;
+        if (error) *error = openError;
+        return result;
+    }
+    if (result.databaseExisted && master->version() > QVMDBMaxReadableVersion) {
+        const std::string text =
+            "The database is saved in a new version that Quillvane cannot read. Please update your copy of "
+            "Quillvane.";
+        QV_LOG_WARN(text);
+        result.errorTitle = QVInvalidDatabaseVersionTitle;
+        QVSetAppError(error, QVErrorRefused, text);
+        return result;
+    }
+    result.master = master;
+    return result;
+}
+
+} // namespace qv

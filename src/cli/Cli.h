@@ -1,0 +1,31 @@
+#pragma once
+// The command-line front end: parsing, and the start-up steps the desktop
+// application also takes (defaults, old data, opening the master file).
+#include <string>
+#include <vector>
+
+#include "vault/DBMaster.h"
+
+namespace qv::cli {
+
+// Exit codes: a documented contract (docs/CLI.md).
+enum ExitCode : int {
+    ExitOK = 0,
+    ExitFailure = 1,
+    ExitUsage = 2,
+    ExitWrongPassword = 3,
+    ExitRefused = 4,
+};
+
+// Prints "qv: <message>" on stderr.
+void complain(const std::string& message);
+
+// Registers the defaults, moves the previous version's data, and opens the
+// master file, refusing one of a newer version. Null after a complaint.
+DBMasterRef openDatabase(int* exitCode);
+
+int cmdSet(const std::vector<std::string>& args);
+int cmdFolders(const std::vector<std::string>& args);
+int cmdBackup(const std::vector<std::string>& args);
+
+} // namespace qv::cli

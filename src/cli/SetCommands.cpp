@@ -1,0 +1,163 @@
+// qv set create | check | passwd, qv folders, qv backup.
+#include <cstdio>
+
+#include "app/Backup.h"
+#include "cli/Cli.h"
+#include "cli/PasswordInput.h"
+#include "vault/QVCrypto.h"
+#include "vault/QVRecord.h"
+
+namespace qv::cli {
+
+namespace {
+
+// Wipes a password string when the command is done with it, on every path.
+struct Secret {
+    std::string value;
+    ~Secret() { QVWipe(value); }
+};
+
+bool readExisting(PasswordInput& input, Secret& out, const char* prompt) {
+    auto pass = input.read(prompt);
+    if (!pass) {
+        complain("no password given");
+        return false;
+    }
+    out.value = std::move(*pass);
+    return true;
+}
+
+bool readNew(PasswordInput& input, Secret& out) {
+    bool mismatch = false;
+    auto pass = input.readNew("New password: ", "Repeat the new password: ", &mismatch);
+    if (!pass) {
+        complain(mismatch ? "the passwords do not match" : "no password given");
+        return false;
+    }
+    out.value = std::move(*pass);
+    if (out.value.empty()) {
+        complain("the password is empty");
+        return false;
+    }
+    return true;
+}
+
+int setCreate(const DBMasterRef& master) {
+    PasswordInput input;
+    Secret pass;
+    if (!readNew(input, pass)) return ExitRefused;
+    if (master->hasSubDbWithPassword(pass.value)) {
+        complain("a Folder Set with this password exists already");
+        return ExitRefused;
+    }
+    DBSubdbRef subdb = DBSubdb::subdbWithFolders({}, pass.value);
+    QVError error;
+    if (!master->addSubDB(subdb, true, &error) || !subdb->save(&error)) {
+        complain("couldn't create the Folder Set: " + error.description);
+        return ExitFailure;
+    }
+    master->returnSubDB(subdb);
+    return ExitOK;
+}
+
+// Opens the set the typed password belongs to; null after a complaint.
+DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCode) {
+    Secret pass;
+    if (!readExisting(input, pass, "Password: ")) {
+        *exitCode = ExitUsage;
+        return nullptr;
+    }
+    QVError error;
+    DBSubdbRef subdb = master->getSubDBWithPassword(pass.value, &error);
+    if (!subdb) {
+        if (error.empty()) {
+            complain("no Folder Set opens with this password");
+            *exitCode = ExitWrongPassword;
+        } else {
+            complain("Error loading database: " + error.description);
+            *exitCode = ExitFailure;
+        }
+    }
+    return subdb;
+}
+
+int setCheck(const DBMasterRef& master) {
+    PasswordInput input;
+    int code = ExitOK;
+    DBSubdbRef subdb = openSet(master, input, &code);
+    if (subdb) master->returnSubDB(subdb);
+    return code;
+}
+
+int setPasswd(const DBMasterRef& master) {
+    PasswordInput input;
+    int code = ExitOK;
+    DBSubdbRef subdb = openSet(master, input, &code);
+    if (!subdb) return code;
+    Secret pass;
+    if (!readNew(input, pass)) {
+        master->returnSubDB(subdb);
+        return ExitRefused;
+    }
+    if (master->hasSubDbWithPassword(pass.value)) {
+        complain("another Folder Set uses this password; choose another one");
+        master->returnSubDB(subdb);
+        return ExitRefused;
+    }
+    QVError error;
+    bool ok = master->changePasswordOnSubdb(subdb, pass.value, &error);
+    master->returnSubDB(subdb);
+    if (!ok) {
+        complain("couldn't change the password: " + error.description);
+        return ExitFailure;
+    }
+    return ExitOK;
+}
+
+} // namespace
+
+int cmdSet(const std::vector<std::string>& args) {
+    if (args.size() != 1 || (args[0] != "create" && args[0] != "check" && args[0] != "passwd")) {
+        complain("usage: qv set create|check|passwd");
+        return ExitUsage;
+    }
+    int code = ExitOK;
+    DBMasterRef master = openDatabase(&code);
+    if (!master) return code;
+    if (args[0] == "create") return setCreate(master);
+    if (args[0] == "check") return setCheck(master);
+    return setPasswd(master);
+}
+
+int cmdFolders(const std::vector<std::string>& args) {
+    if (!args.empty()) {
+        complain("usage: qv folders");
+        return ExitUsage;
+    }
+    int code = ExitOK;
+    DBMasterRef master = openDatabase(&code);
+    if (!master) return code;
+    PasswordInput input;
+    DBSubdbRef subdb = openSet(master, input, &code);
+    if (!subdb) return code;
+    for (const QVRecordRef& folder : subdb->folders())
+        std::printf("%s\n", folder->valueForKey("mountpoint").toURLPath().c_str());
+    master->returnSubDB(subdb);
+    return ExitOK;
+}
+
+int cmdBackup(const std::vector<std::string>& args) {
+    if (!args.empty()) {
+        complain("usage: qv backup");
+        return ExitUsage;
+    }
+    int code = ExitOK;
+    if (!openDatabase(&code)) return code;
+    if (!backupQuillvaneDatabase()) {
+        complain("the backup failed (see the system log)");
+        return ExitFailure;
+    }
+    return ExitOK;
+}
+
+} // namespace qv::cli
