@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """Reads a keyed archive with the standard library alone and prints what a reader
 on another system would see: the root object's class, then the keys of the root
-dictionary, one per line, sorted. Data keys are printed as hex with a "0x" prefix.
-Exits non-zero when the archive does not follow the keyed-archive layout."""
+dictionary, one per line, sorted, each with the text of a URL value ("NS.relative")
+or the time of a date value ("NS.time") after a space. Data keys are printed as hex
+with a "0x" prefix. Exits non-zero when the archive does not follow the keyed-archive
+layout, or a class list does not end in NSObject."""
 import plistlib
 import sys
 
@@ -35,11 +37,20 @@ def main(path):
     values = root["NS.objects"]
     if len(keys) != len(values):
         sys.exit("keys and values differ in number")
-    for value in values:
-        deref(value)
-    shown = [k if isinstance(k, str) else "0x" + bytes(k).hex() for k in keys]
-    for k in sorted(shown):
-        print(k)
+    lines = []
+    for key, ref in zip(keys, values):
+        value = deref(ref)
+        line = key if isinstance(key, str) else "0x" + bytes(key).hex()
+        if isinstance(value, dict) and "$class" in value:
+            if deref(value["$class"])["$classes"][-1] != "NSObject":
+                sys.exit("class list does not end in NSObject")
+            if "NS.relative" in value:
+                line += " " + deref(value["NS.relative"])
+            if "NS.time" in value:
+                line += " %r" % value["NS.time"]
+        lines.append(line)
+    for line in sorted(lines):
+        print(line)
 
 
 if __name__ == "__main__":
