@@ -546,7 +546,8 @@ CommandResult ImageSandbox::qvImage(const std::vector<std::string>& args, const 
     argv.insert(argv.end(), args.begin(), args.end());
     CommandOptions o;
     o.input = password;
-    o.env = {{"XDG_RUNTIME_DIR", runtime_}, {"QV_IMAGE_LAYER", layer_}};
+    o.env = {{"XDG_RUNTIME_DIR", runtime_}};
+    if (!layer_.empty()) o.env.push_back({"QV_IMAGE_LAYER", layer_});
     o.cwd = "/";
     o.timeoutSeconds = timeoutSeconds;
     CommandResult r = runCommand(argv, o);

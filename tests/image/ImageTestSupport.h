@@ -119,7 +119,8 @@ public:
     // An empty directory under the sandbox, created if missing.
     std::string makeDir(const std::string& name) const;
 
-    // The file-system layer used when a call does not name one (QV_IMAGE_LAYER).
+    // The file-system layer used when a call does not name one (QV_IMAGE_LAYER;
+    // empty: the variable is left as the test process has it).
     void setLayer(const std::string& layer) { layer_ = layer; }
     const std::string& layer() const { return layer_; }
 
