@@ -35,3 +35,7 @@ bench: build
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)
+
+# Throughput of a qv-image volume against fuse2fs, gocryptfs, CryFS and the plain disk (not part of check).
+bench-image: build
+	QV_IMAGE=$(BUILD)/src/qv-image bench/image_bench.sh
