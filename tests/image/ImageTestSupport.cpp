@@ -629,8 +629,10 @@ void ImageSandbox::cleanup() {
     for (const auto& point : mountsUnder())
         if (!startsWithPath(point, runtime_)) qvImage({"detach", point, "-force"}, std::nullopt, 30);
     for (int pass = 0; pass < 2; ++pass) {
-        for (const auto& point : mountsUnder()) lazyUnmount(point);
+        // Processes first: once a mount is detached, the paths they hold no
+        // longer lie under the sandbox and they can't be found any more.
         killProcesses(processesUsing(root_));
+        for (const auto& point : mountsUnder()) lazyUnmount(point);
         for (const auto& dev : loopDevicesBackedUnder(root_)) {
             int fd = ::open(dev.c_str(), O_RDONLY | O_CLOEXEC);
             if (fd >= 0) {
