@@ -35,15 +35,6 @@ void expectFailure(const CommandResult& r, int code, const std::string& what) {
     EXPECT_EQ(r.out.find(kPassword), std::string::npos) << what << ": the password is on stdout";
 }
 
-// A refusal whose status the callers don't tell apart: any failure, said in one line.
-void expectRefused(const CommandResult& r, const std::string& what) {
-    EXPECT_TRUE(r.exited && r.exitCode != 0) << what << ": " << r.describe();
-    std::string err = r.err;
-    if (!err.empty() && err.back() == '\n') err.pop_back();
-    EXPECT_EQ(err.rfind("qv-image: ", 0), 0u) << what << ": [" << r.err << "]";
-    EXPECT_EQ(err.find('\n'), std::string::npos) << what << ": more than one line: [" << r.err << "]";
-}
-
 void writeBytes(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << bytes;
@@ -217,7 +208,7 @@ TEST_F(ImageBadInputTest, UsageErrorsAndAbsurdSizesCreateAndDestroyNothing) {
         return std::vector<std::string>{"create", "-encryption", enc, "-stdinpass", "-size", size,
                                         "-type", type, "-volname", "V", "-fs", fsName, "-ov", image};
     };
-    for (const std::string size : {"0m", "-5m", "99999999999999m", "abc", "", "12x", "5.5m", "0x10m"}) {
+    for (const std::string size : {"0m", "-5m", "99999999999999m", "abc", "", "12x", "5.5m", "0x10m", "15m", "17t"}) {
         for (const std::string& image : {existing, fresh}) {
             CommandResult r = box.qvImage(createArgs(size, image), kPassword);
             expectFailure(r, Usage, "create -size \"" + size + "\"");
@@ -234,7 +225,22 @@ TEST_F(ImageBadInputTest, UsageErrorsAndAbsurdSizesCreateAndDestroyNothing) {
     EXPECT_FALSE(fs::exists(fresh)) << "a refused create left something behind";
     EXPECT_EQ(diffSnapshots(before, snapshotTree(existing)), "");
 
-    for (const std::string size : {"0", "abc", "-5m", "99999999999999m", "", "1.5g"}) {
+    // create never replaces what is not an image, and without -ov not even an image.
+    const std::string file = box.path("precious.txt");
+    writeBytes(file, "precious");
+    const std::string folder = box.makeDir("precious-folder");
+    writeBytes(folder + "/inside.txt", "also precious");
+    for (const std::string& target : {file, folder}) {
+        const TreeSnapshot was = snapshotTree(target);
+        expectFailure(box.qvImage(createArgs("64m", target), kPassword), Failure, "create -ov over " + target);
+        EXPECT_EQ(diffSnapshots(was, snapshotTree(target)), "");
+    }
+    auto withoutOv = createArgs("64m", existing);
+    withoutOv.erase(withoutOv.end() - 2);
+    expectFailure(box.qvImage(withoutOv, kPassword), Failure, "create without -ov over an image");
+    EXPECT_EQ(diffSnapshots(before, snapshotTree(existing)), "");
+
+    for (const std::string size : {"0", "abc", "-5m", "99999999999999m", "", "1.5g", "15m", "17g0"}) {
         CommandResult r = box.qvImage({"resize", "-stdinpass", "-size", size, existing}, kPassword);
         expectFailure(r, Usage, "resize -size \"" + size + "\"");
     }
@@ -294,8 +300,9 @@ TEST_F(ImageBadInputTest, AttachRefusesUnfitMountPointsAndSecondAttach) {
     EXPECT_EQ(box.detach(first).exitCode, 0);
 
     // Detach of something that is not attached.
-    expectRefused(box.detach(first), "detach of a plain folder");
-    expectRefused(box.detach(box.path("nowhere")), "detach of a missing path");
+    expectFailure(box.detach(first), Failure, "detach of a plain folder");
+    expectFailure(box.detach(box.path("nowhere")), Failure, "detach of a missing path");
+    expectFailure(box.detach(image), Failure, "detach of an image path");
 }
 
 } // namespace

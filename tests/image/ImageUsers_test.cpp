@@ -131,6 +131,9 @@ TEST(ImageUsers, AnOrdinaryUserRunsTheWholeCycle) {
     for (pid_t p : processesUsing(home))
         EXPECT_EQ(ownerOfProcess(p), uid) << "process " << p << " (" << processName(p) << ") serves the image as another user";
 
+    r = asUser({"stat", "-c", "%u %g", mnt});
+    EXPECT_EQ(r.out, std::to_string(uid) + " " + std::to_string(gid) + "\n") << "the volume root belongs to the user";
+
     const std::string data = patternBytes(4242, 3 << 20);
     r = asUser({"sh", "-c", "cat > \"$1\" && sync \"$1\"", "sh", mnt + "/notes.bin"}, data);
     ASSERT_EQ(r.exitCode, 0) << r.describe();
