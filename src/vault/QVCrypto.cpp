@@ -104,11 +104,11 @@ void appendUTF8(std::string& out, uint32_t u) {
 
 // ---- secrets in temporaries ---------------------------------------------
 
-// A copy of a password string's bytes, overwritten when it goes.
-struct PasswordBytes {
+// A copy of a secret string's bytes (a password, a plaintext), overwritten when it goes.
+struct SecretCopy {
     Bytes bytes;
-    explicit PasswordBytes(const std::string& s) : bytes(s.begin(), s.end()) {}
-    ~PasswordBytes() { QVWipe(bytes); }
+    explicit SecretCopy(const std::string& s) : bytes(s.begin(), s.end()) {}
+    ~SecretCopy() { QVWipe(bytes); }
 };
 
 bool isUTF8(const Bytes& b) {
@@ -206,13 +206,13 @@ std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, cons
 }
 
 std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string& password) {
-    PasswordBytes pw(password);
+    SecretCopy pw(password);
     return encrypt(plaintext, pw.bytes);
 }
 
 std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password) {
-    PasswordBytes text(plaintext);  // the plaintext is as secret as the password
-    PasswordBytes pw(password);
+    SecretCopy text(plaintext);
+    SecretCopy pw(password);
     return encrypt(text.bytes, pw.bytes);
 }
 
@@ -231,7 +231,7 @@ std::optional<Bytes> decrypt(const Bytes& container, const Bytes& password) {
 }
 
 std::optional<Bytes> decryptWithString(const Bytes& container, const std::string& password) {
-    PasswordBytes pw(password);
+    SecretCopy pw(password);
     return decrypt(container, pw.bytes);
 }
 
@@ -248,7 +248,7 @@ std::optional<std::string> decryptString(const Bytes& container, const Bytes& pa
 }
 
 std::optional<std::string> decryptStringWithString(const Bytes& container, const std::string& password) {
-    PasswordBytes pw(password);
+    SecretCopy pw(password);
     return decryptString(container, pw.bytes);
 }
 

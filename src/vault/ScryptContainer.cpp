@@ -41,7 +41,7 @@ constexpr size_t kOverhead = kHeaderLen + kMacLen;
 // The 64 derived bytes: AES key first, HMAC key second. Zeroed however the
 // function holding it returns.
 struct DerivedKey {
-    uint8_t bytes[64];
+    uint8_t bytes[64] = {};
     ~DerivedKey() { OPENSSL_cleanse(bytes, sizeof bytes); }
     const uint8_t* aesKey() const { return bytes; }
     const uint8_t* hmacKey() const { return bytes + 32; }
@@ -196,7 +196,7 @@ int scryptdec_buf(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, size_t
     const uint64_t N = uint64_t{1} << logN;
 
     if ((memlimit / N) / r < 128) {
-        fprintf(stderr, "Error 9 in scryptdec_buf! memlimit = %llu, N = %llu, opslimit = %g, r = %u, p = %u\n",
+        (void)fprintf(stderr, "Error 9 in scryptdec_buf! memlimit = %llu, N = %llu, opslimit = %g, r = %u, p = %u\n",
                 static_cast<unsigned long long>(memlimit), static_cast<unsigned long long>(N), opslimit, r, p);
         return QVScryptErrTooMuchMemory;
     }

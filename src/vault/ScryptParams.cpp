@@ -124,7 +124,8 @@ QVScryptParams QVScryptPickParams(size_t memlimit, double opsPerSecond, double m
         out.p = 1;
         maxN = opslimit / (out.r * 4);
     } else {
-        maxN = static_cast<double>(memlimit / (out.r * 128));
+        // Whole blocks of 128 * r bytes: the division is meant to truncate.
+        maxN = static_cast<double>(memlimit / (size_t{out.r} * 128));
     }
 
     out.logN = 63;
