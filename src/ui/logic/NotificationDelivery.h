@@ -1,0 +1,33 @@
+#pragma once
+// The ways a message reaches the user, and the interface that a front end
+// implements to show messages its own way. See QVNotificationCenter.h for how
+// deliveries are installed and chosen.
+#include <memory>
+
+#include "ui/logic/QVNotification.h"
+
+namespace qv {
+
+// Values of the QVNotificationType preference.
+enum QVNotificationWay : int {
+    QVNotificationWayDesktop = 0,  // the desktop's notification daemon over D-Bus
+    QVNotificationWayBuiltIn = 1,  // the application's own floating panels
+    QVNotificationWayTray = 2,     // the tray icon's message balloon
+};
+inline constexpr int QVNotificationWayCount = 3;
+
+class NotificationDelivery {
+public:
+    virtual ~NotificationDelivery() = default;
+
+    // Shows a message. Called on the main thread (the thread of the
+    // QCoreApplication); in a process without one, on the posting thread, so a
+    // delivery meant for such a process must be thread-safe. Must not block.
+    virtual void deliver(const QVNotificationRef& notification) = 0;
+
+    // A progress message that this delivery showed has a new amount (or turned
+    // determinate on finishing). Same thread rules as deliver().
+    virtual void progressChanged(const QVNotificationRef& notification) { (void)notification; }
+};
+
+} // namespace qv
