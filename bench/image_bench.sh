@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# shellcheck disable=SC2034  # result arrays are read through namerefs
 # Throughput of a mounted qv-image volume, side by side in one run with:
 #   (b) fuse2fs on a plain, unencrypted ext4 image file: the ceiling of the userspace path,
 #   (c) gocryptfs, (d) CryFS: other encrypted folders for a desktop user,
@@ -59,9 +60,10 @@ cleanup() {
     is_mounted "$m" && { fusermount3 -uz "$m" 2>/dev/null || $SUDO umount -l "$m"; }
   done
   # Anything still serving a file of the work area (a device process, a daemon).
-  for pid in $(ls /proc | grep -E '^[0-9]+$'); do
+  for dir in /proc/[0-9]*; do
+    pid="${dir#/proc/}"
     [ "$pid" = "$$" ] && continue
-    if tr '\0' ' ' < "/proc/$pid/cmdline" 2>/dev/null | grep -qF "$WORK"; then kill -9 "$pid" 2>/dev/null; fi
+    if tr '\0' ' ' < "$dir/cmdline" 2>/dev/null | grep -qF "$WORK"; then kill -9 "$pid" 2>/dev/null; fi
   done
   for m in $(findmnt -rn -o TARGET | grep -F "$WORK" | sort -r); do
     fusermount3 -uz "$m" 2>/dev/null || $SUDO umount -l "$m"
@@ -149,6 +151,7 @@ os.close(fd)
 EOF
 }
 
+# The results are read through namerefs in row().
 declare -A W R F
 for s in a b c d e; do
   m="$(mnt_of "$s")"
