@@ -65,7 +65,13 @@ QVRecordRef QVStorageDefault() {
     static QVRecordRef shared;
     std::string location = defaultDiskImageLocationURL();
     std::lock_guard<std::mutex> lock(mutex);
-    if (!shared || storageURL(shared) != location) shared = QVStorageCreate("Default", URLValue{location});
+    if (!shared || storageURL(shared) != location) {
+        shared = QVStorageCreate("Default", URLValue{location});
+        // Our own data directory exists by now; its "Data" is made here so that the
+        // free space of the default storage can be measured before its first image.
+        // A failure shows where the directory is used.
+        ::mkdir(location.c_str(), 0700);
+    }
     return shared;
 }
 

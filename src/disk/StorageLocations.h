@@ -10,7 +10,8 @@ namespace qv {
 // The default Storage: name "Default", url the "Data" directory of our data
 // directory (defaultDiskImageLocationURL). Every call gives the same shared record
 // for as long as that location stays where it is; when the location moves (a test
-// that gives itself a new home), the next call makes a new one.
+// that gives itself a new home), the next call makes a new one. The "Data"
+// directory is made (0700) along with the record.
 QVRecordRef QVStorageDefault();
 
 // A new Storage with these two fields.
