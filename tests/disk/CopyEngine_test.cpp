@@ -1,0 +1,399 @@
+// The copy and move engine against a tree with everything a folder can hold,
+// compared entry by entry; lifting into a volume-like folder; cancelling;
+// moves by rename and across file systems; inputs it must refuse.
+#include <gtest/gtest.h>
+
+#include <acl/libacl.h>
+#include <fcntl.h>
+#include <sys/acl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "disk/CopyEngine.h"
+#include "disk/SizeWalk.h"
+#include "disk/TreeCompare.h"
+#include "support/TempHome.h"
+#include "toolkit/Log.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using qv::test::compareTrees;
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string out;
+    for (const auto& l : lines) out += l + "\n";
+    return out;
+}
+
+void writeBytes(const std::string& path, const std::string& bytes, mode_t mode = 0644) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+    ASSERT_GE(fd, 0) << path;
+    ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    ::close(fd);
+    ::chmod(path.c_str(), mode);
+}
+
+std::string randomBytes(size_t n, unsigned seed) {
+    std::mt19937 gen(seed);
+    std::string s(n, '\0');
+    for (char& c : s) c = static_cast<char>(gen());
+    return s;
+}
+
+void setTimes(const std::string& path, time_t sec, long nsec) {
+    const struct timespec times[2] = {{sec + 100, 0}, {sec, nsec}};
+    ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+struct LogCapture {
+    std::vector<std::string> lines;
+    qv::QVLogSink previous;
+    LogCapture() { previous = qv::QVLogSetSink([this](const std::string& l) { lines.push_back(l); }); }
+    ~LogCapture() { qv::QVLogSetSink(previous); }
+    bool contains(const std::string& text) const {
+        for (const auto& l : lines)
+            if (l.find(text) != std::string::npos) return true;
+        return false;
+    }
+};
+
+// Removes a tree even where the copy made folders read-only.
+void forceRemove(const std::string& path) {
+    std::error_code ec;
+    for (const auto& e : fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec))
+        if (e.is_directory(ec) && !e.is_symlink(ec))
+            fs::permissions(e.path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    fs::remove_all(path, ec);
+}
+
+// Status calls after every step for the length of a test.
+struct EveryStepStatus {
+    EveryStepStatus() { qv::QVCopySetStatusInterval(std::chrono::milliseconds(0)); }
+    ~EveryStepStatus() { qv::QVCopySetStatusInterval(std::chrono::milliseconds(1000)); }
+};
+
+class CopyEngineTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        base = qv::test::makeTempDir("qvcopy");
+        src = base + "/Folder";
+        fs::create_directories(src);
+        xattrs = ::setxattr(base.c_str(), "user.probe", "1", 1, 0) == 0;
+        acls = ::acl_extended_file(base.c_str()) >= 0;
+    }
+    void TearDown() override { forceRemove(base); }
+
+    // Everything a folder may hold.
+    void buildNastyTree() {
+        fs::create_directories(src + "/a/b/c");
+        fs::create_directories(src + "/empty");
+        std::string deep = src + "/deep";
+        for (int i = 0; i < 40; ++i) deep += "/level" + std::to_string(i);
+        fs::create_directories(deep);
+        writeBytes(deep + "/bottom", "at the bottom");
+
+        writeBytes(src + "/empty-file", "");
+        writeBytes(src + "/one-byte", "x");
+        writeBytes(src + "/a/random", randomBytes(300000, 1), 0640);
+        writeBytes(src + "/a/b/script.sh", "#!/bin/sh\necho hi\n", 0755);
+        writeBytes(src + "/read-only", "can't touch this", 0600);  // 0400 once its attribute is set
+        setTimes(src + "/a/random", 1000000000, 123456789);
+
+        // Odd names: spaces, newline, bytes that are not UTF-8, shell characters, a leading dash.
+        writeBytes(src + "/name with  spaces", "s");
+        writeBytes(src + "/new\nline", "n");
+        writeBytes(src + "/\xff\xfe-not-utf8", "b");
+        writeBytes(src + "/\xc3\xbcnic\xc3\xb6" "de", "u");
+        writeBytes(src + "/*?[glob] $HOME", "g");
+        writeBytes(src + "/-rf", "d");
+
+        // Hard links: three names inside, and one file whose other name is outside.
+        writeBytes(src + "/a/linked", randomBytes(70000, 2));
+        fs::create_hard_link(src + "/a/linked", src + "/a/b/linked-again");
+        fs::create_hard_link(src + "/a/linked", src + "/linked-third");
+        writeBytes(src + "/half-linked", "one name in, one out");
+        fs::create_hard_link(src + "/half-linked", base + "/outside-name");
+
+        // Symbolic links, dangling ones too, and one with a newline in its target.
+        fs::create_symlink("a/random", src + "/link-to-file");
+        fs::create_symlink("a/b", src + "/link-to-dir");
+        fs::create_symlink("/nowhere/at/all", src + "/dangling");
+        fs::create_symlink("odd\ntarget", src + "/a/odd-link");
+
+        // A sparse file: 16 MiB with two small islands of data.
+        {
+            int fd = ::open((src + "/sparse").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            ASSERT_GE(fd, 0);
+            std::string island = randomBytes(8192, 3);
+            ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 0), 8192);
+            ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 8 << 20), 8192);
+            ASSERT_EQ(::ftruncate(fd, 16 << 20), 0);
+            ::close(fd);
+        }
+        ASSERT_EQ(::mkfifo((src + "/a/fifo").c_str(), 0620), 0);
+
+        if (xattrs) {
+            const std::string binary("\0\x01\xff value", 9);
+            ASSERT_EQ(::setxattr((src + "/a/random").c_str(), "user.comment", binary.data(), binary.size(), 0), 0);
+            ASSERT_EQ(::setxattr((src + "/a").c_str(), "user.folder", "yes", 3, 0), 0);
+            ASSERT_EQ(::setxattr((src + "/read-only").c_str(), "user.empty", "", 0, 0), 0);
+        }
+        if (acls) {
+            acl_t acl = ::acl_from_text("u::rw-,u:65534:r--,g::r--,m::r--,o::---");
+            ASSERT_EQ(::acl_set_file((src + "/one-byte").c_str(), ACL_TYPE_ACCESS, acl), 0);
+            ::acl_free(acl);
+            acl = ::acl_from_text("u::rwx,u:65534:rwx,g::r-x,m::rwx,o::---");
+            ASSERT_EQ(::acl_set_file((src + "/a/b").c_str(), ACL_TYPE_DEFAULT, acl), 0);
+            ::acl_free(acl);
+        }
+        if (::geteuid() == 0) {
+            ASSERT_EQ(::lchown((src + "/a/b/script.sh").c_str(), 65534, 65534), 0);
+            ASSERT_EQ(::lchown((src + "/dangling").c_str(), 65534, 65534), 0);
+            ASSERT_EQ(::chmod((src + "/a/b/script.sh").c_str(), 04755), 0) << "set-id bits survive a change of owner";
+        }
+        ::chmod((src + "/read-only").c_str(), 0400);
+        // A read-only folder with something in it; times set last, as nothing changes them after.
+        writeBytes(src + "/a/b/c/inside-read-only", "r");
+        setTimes(src + "/a/b/c", 1200000000, 5);
+        ::chmod((src + "/a/b/c").c_str(), 0555);
+        setTimes(src + "/link-to-dir", 1300000000, 7);
+        setTimes(src + "/empty", 1100000000, 1);
+    }
+
+    std::string base;
+    std::string src;
+    bool xattrs = false;
+    bool acls = false;
+};
+
+TEST_F(CopyEngineTest, CopyKeepsEveryKindOfEntry) {
+    buildNastyTree();
+    const std::string dst = base + "/Copy";
+    qv::QVError error;
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Copy", qv::QVFileOperationSkipPreflight, false, nullptr, &error))
+        << error.description;
+    EXPECT_TRUE(error.empty());
+    // Before anything reads the copy and moves its access time on.
+    struct stat fileTimes;
+    ::stat((dst + "/a/random").c_str(), &fileTimes);
+    EXPECT_EQ(fileTimes.st_atim.tv_sec, 1000000100) << "access times are kept too";
+    EXPECT_EQ(joined(compareTrees(src, dst, {.owners = true, .rootMetadata = true})), "");
+
+    struct stat a, b, c, half;
+    ::stat((dst + "/a/linked").c_str(), &a);
+    ::stat((dst + "/a/b/linked-again").c_str(), &b);
+    ::stat((dst + "/linked-third").c_str(), &c);
+    ::stat((dst + "/half-linked").c_str(), &half);
+    EXPECT_EQ(a.st_ino, b.st_ino);
+    EXPECT_EQ(a.st_ino, c.st_ino);
+    EXPECT_EQ(a.st_nlink, 3u);
+    EXPECT_EQ(half.st_nlink, 1u) << "a link to outside the tree becomes a file of its own";
+
+    struct stat sparse;
+    ::stat((dst + "/sparse").c_str(), &sparse);
+    EXPECT_LT(sparse.st_blocks * 512, 1 << 20) << "the holes must stay holes";
+}
+
+TEST_F(CopyEngineTest, ContentsAreLiftedAndVolumeItemsDropped) {
+    buildNastyTree();
+    // A folder that holds an item of its own name, and what a volume keeps for itself.
+    fs::create_directories(src + "/Folder/inner");
+    writeBytes(src + "/.DS_Store", "finder junk");
+    writeBytes(src + "/.hidden", "lost+found\n");
+    fs::create_directories(src + "/lost+found");
+    const std::string volume = base + "/Volume";
+    fs::create_directories(volume + "/lost+found");
+    writeBytes(volume + "/.hidden", "lost+found\n");
+
+    qv::QVError error;
+    ASSERT_TRUE(qv::copyContentsFrom(src, volume, qv::QVFileOperationSkipPreflight, nullptr, &error))
+        << error.description;
+    for (const char* dropped : {"/.DS_Store", "/.hidden", "/lost+found"}) fs::remove_all(src + dropped);
+    fs::remove_all(volume + "/lost+found");
+    fs::remove(volume + "/.hidden");
+    EXPECT_EQ(joined(compareTrees(src, volume)), "") << "everything but the volume's own names arrives, once";
+    EXPECT_TRUE(fs::exists(volume + "/Folder/inner"));
+}
+
+TEST_F(CopyEngineTest, ANameTakenAtTheDestinationLeavesThatChildBehind) {
+    writeBytes(src + "/taken", "new");
+    writeBytes(src + "/free", "free");
+    const std::string volume = base + "/Volume";
+    fs::create_directories(volume);
+    writeBytes(volume + "/taken", "old");
+
+    LogCapture log;
+    qv::QVError error;
+    EXPECT_FALSE(qv::copyContentsFrom(src, volume, qv::QVFileOperationSkipPreflight, nullptr, &error));
+    EXPECT_EQ(error.code, qv::QVErrorPartialRestore);
+    EXPECT_EQ(error.domain, qv::QVAppErrorDomain());
+    EXPECT_EQ(qv::test::readWhole(volume + "/taken"), "old") << "nothing is overwritten while lifting";
+    EXPECT_EQ(qv::test::readWhole(volume + "/free"), "free");
+    EXPECT_TRUE(log.contains("failed because: !success"));
+    EXPECT_TRUE(log.contains("failed to move: '"));
+    // The child that couldn't move is kept in the working folder, not deleted.
+    bool kept = false;
+    for (const auto& e : fs::directory_iterator(volume))
+        if (e.path().filename().string().rfind(".qvcopy-", 0) == 0)
+            kept = qv::test::readWhole(e.path().string() + "/taken") == "new";
+    EXPECT_TRUE(kept);
+}
+
+TEST_F(CopyEngineTest, StatusReportsAndCancelLeavesOnlyWholeFiles) {
+    EveryStepStatus everyStep;
+    for (int i = 0; i < 12; ++i) writeBytes(src + "/file" + std::to_string(i), randomBytes(50000 + i, 10 + i));
+    const int64_t total = qv::fastFolderSizeAtFSRef(src, nullptr);
+
+    // Uncancelled: the count rises to the logical size of the tree.
+    std::vector<qv::QVCopyStatus> seen;
+    qv::QVError error;
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Full", 0, false, [&](long code, const qv::QVCopyStatus& s) {
+        EXPECT_EQ(code, 0);
+        seen.push_back(s);
+        return false;
+    }, &error)) << error.description;
+    ASSERT_FALSE(seen.empty());
+    for (size_t i = 1; i < seen.size(); ++i) EXPECT_LE(seen[i - 1].bytesCompleted, seen[i].bytesCompleted);
+    EXPECT_EQ(seen.back().bytesCompleted, static_cast<uint64_t>(total));
+    EXPECT_EQ(seen.back().totalBytes, static_cast<uint64_t>(total)) << "measured beforehand without option 8";
+    EXPECT_GT(seen.back().throughput, 0.0);
+
+    // Cancelled part way: code 1000, a partial tree of whole files.
+    int calls = 0;
+    EXPECT_FALSE(qv::copyContentsFrom(src, base, "Partial", qv::QVFileOperationSkipPreflight, false,
+                                      [&](long, const qv::QVCopyStatus&) { return ++calls == 6; }, &error));
+    EXPECT_EQ(error.code, qv::QVErrorCancelled);
+    EXPECT_EQ(error.domain, qv::QVAppErrorDomain());
+    size_t copied = 0;
+    for (const auto& e : fs::directory_iterator(base + "/Partial")) {
+        ++copied;
+        EXPECT_EQ(qv::test::readWhole(e.path().string()),
+                  qv::test::readWhole(src + "/" + e.path().filename().string()))
+            << "a file at the destination must be whole";
+    }
+    EXPECT_GT(copied, 0u);
+    EXPECT_LT(copied, 12u);
+}
+
+TEST_F(CopyEngineTest, CancelInsideAFileRemovesThatFile) {
+    EveryStepStatus everyStep;
+    writeBytes(src + "/big", randomBytes(20 << 20, 4));
+    qv::QVError error;
+    int calls = 0;
+    EXPECT_FALSE(qv::copyContentsFrom(src, base, "Out", qv::QVFileOperationSkipPreflight, false,
+                                      [&](long, const qv::QVCopyStatus& s) {
+                                          EXPECT_EQ(s.currentItem, src + "/big");
+                                          return ++calls == 2;
+                                      },
+                                      &error));
+    EXPECT_EQ(error.code, qv::QVErrorCancelled);
+    EXPECT_TRUE(fs::exists(base + "/Out")) << "the partly copied item stays";
+    EXPECT_FALSE(fs::exists(base + "/Out/big")) << "but never a half-copied file";
+}
+
+TEST_F(CopyEngineTest, MovesRenameOrCopyThenRemove) {
+    buildNastyTree();
+    const std::string reference = base + "/reference";
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "reference", 8, false, nullptr, nullptr));
+
+    // On one file system: a rename.
+    qv::QVError error;
+    ASSERT_TRUE(qv::moveContentsFrom(src, base, "Moved", 8, nullptr, &error)) << error.description;
+    EXPECT_FALSE(fs::exists(src));
+    EXPECT_EQ(joined(compareTrees(reference, base + "/Moved")), "");
+
+    // To another file system, when one is at hand: copy, then remove the source.
+    const std::string shm = "/dev/shm";
+    struct stat here, there;
+    if (::stat(shm.c_str(), &there) != 0 || ::stat(base.c_str(), &here) != 0 || here.st_dev == there.st_dev ||
+        ::access(shm.c_str(), W_OK) != 0)
+        GTEST_SKIP() << "no second file system to move to";
+    std::string away = shm + "/qvmove.XXXXXX";
+    ASSERT_NE(::mkdtemp(away.data()), nullptr);
+    struct Cleanup {
+        std::string dir;
+        ~Cleanup() { forceRemove(dir); }
+    } cleanup{away};
+
+    EXPECT_FALSE(qv::moveContentsFrom(base + "/Moved", away, "M", qv::QVFileOperationDoNotMoveAcrossVolumes, nullptr,
+                                      &error));
+    EXPECT_EQ(error.code, EXDEV);
+    EXPECT_TRUE(fs::exists(base + "/Moved/a/random")) << "a refused move leaves the source alone";
+
+    {
+        EveryStepStatus everyStep;
+        int calls = 0;
+        EXPECT_FALSE(qv::moveContentsFrom(base + "/Moved", away, "M", 8,
+                                          [&](long, const qv::QVCopyStatus&) { return ++calls == 3; }, &error));
+        EXPECT_EQ(error.code, qv::QVErrorCancelled);
+        EXPECT_EQ(joined(compareTrees(reference, base + "/Moved")), "") << "a cancelled move costs the source nothing";
+        forceRemove(away + "/M");
+    }
+    ASSERT_TRUE(qv::moveContentsFrom(base + "/Moved", away, "M", 8, nullptr, &error)) << error.description;
+    EXPECT_FALSE(fs::exists(base + "/Moved"));
+    // tmpfs may keep no user attributes or ACLs; the rest must have arrived.
+    EXPECT_EQ(qv::test::readWhole(away + "/M/a/random"), qv::test::readWhole(reference + "/a/random"));
+    EXPECT_TRUE(fs::is_symlink(away + "/M/dangling"));
+}
+
+TEST_F(CopyEngineTest, ExistingDestinationsAndBadInputsChangeNothing) {
+    writeBytes(src + "/file", "new");
+    const std::string existing = base + "/Existing";
+    fs::create_directories(existing);
+    writeBytes(existing + "/old", "old");
+    LogCapture log;
+    qv::QVError error;
+
+    EXPECT_FALSE(qv::copyContentsFrom(src, base, "Existing", 8, false, nullptr, &error));
+    EXPECT_EQ(error.code, EEXIST);
+    EXPECT_NE(error.description.find("Could not copy all of: " + src), std::string::npos) << error.description;
+    EXPECT_TRUE(log.contains("durng copy of: " + src));
+    EXPECT_EQ(qv::test::readWhole(existing + "/old"), "old");
+
+    // Overwrite replaces, but only with a whole copy.
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Existing", 8 | qv::QVFileOperationOverwrite, false, nullptr, &error));
+    EXPECT_FALSE(fs::exists(existing + "/old"));
+    EXPECT_EQ(qv::test::readWhole(existing + "/file"), "new");
+
+    EXPECT_FALSE(qv::copyContentsFrom(base + "/missing", base, 8, nullptr, &error));
+    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_FALSE(qv::copyContentsFrom(src, base + "/nowhere", 8, nullptr, &error));
+    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_FALSE(qv::copyContentsFrom(src, src + "/file", 8, nullptr, &error));
+    EXPECT_EQ(error.code, ENOTDIR);
+    EXPECT_FALSE(qv::copyContentsFrom(src, base, "a/b", 8, false, nullptr, &error));
+    EXPECT_EQ(error.code, EINVAL);
+
+    // A folder into itself would never end.
+    fs::create_directories(src + "/sub");
+    EXPECT_FALSE(qv::copyContentsFrom(src, src + "/sub", 8, nullptr, &error));
+    EXPECT_EQ(error.code, EINVAL);
+    EXPECT_TRUE(fs::is_empty(src + "/sub"));
+    EXPECT_FALSE(qv::copyContentsFrom(src, src, "X", 8, false, nullptr, &error));
+    EXPECT_EQ(error.code, EINVAL);
+    EXPECT_FALSE(fs::exists(src + "/X"));
+}
+
+TEST_F(CopyEngineTest, UnreadableItemsFailOrAreSkippedOnRequest) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root reads every file";
+    writeBytes(src + "/readable", "yes");
+    writeBytes(src + "/secret", "no", 0000);
+    qv::QVError error;
+    EXPECT_FALSE(qv::copyContentsFrom(src, base, "Strict", 8, false, nullptr, &error));
+    EXPECT_EQ(error.code, EACCES);
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Lenient", 8 | qv::QVFileOperationSkipSourcePermissionErrors, false,
+                                     nullptr, &error));
+    EXPECT_TRUE(fs::exists(base + "/Lenient/readable"));
+    EXPECT_FALSE(fs::exists(base + "/Lenient/secret"));
+    // A move never leaves anything out, since its source goes afterwards.
+}
+
+} // namespace
