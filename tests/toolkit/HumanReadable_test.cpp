@@ -1,39 +1,24 @@
 // Sizes and durations for status lines: unit boundaries and rounding.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 
 #include "toolkit/HumanReadable.h"
 
 using namespace qv;
 
-TEST(HumanReadable, BytesUseDecimalUnitsAndRoundAcrossUnitBoundaries) {
-    EXPECT_EQ(bytesToHumanReadableString(0), "0 bytes");
-    EXPECT_EQ(bytesToHumanReadableString(1), "1 byte");
-    EXPECT_EQ(bytesToHumanReadableString(999), "999 bytes");
-    EXPECT_EQ(bytesToHumanReadableString(1000), "1.0 kB");
-    EXPECT_EQ(bytesToHumanReadableString(1049), "1.0 kB");
-    EXPECT_EQ(bytesToHumanReadableString(1050), "1.1 kB") << "half rounds up";
-    EXPECT_EQ(bytesToHumanReadableString(999949), "999.9 kB");
-    EXPECT_EQ(bytesToHumanReadableString(999950), "1.0 MB") << "1000.0 kB is shown in the next unit";
-    EXPECT_EQ(bytesToHumanReadableString(209715200), "209.7 MB") << "200 MiB";
-    EXPECT_EQ(bytesToHumanReadableString(1500000000), "1.5 GB");
-    EXPECT_EQ(bytesToHumanReadableString(4000000000000ull), "4.0 TB");
-    EXPECT_EQ(bytesToHumanReadableString(UINT64_MAX), "18.4 EB") << "the failure value is still text";
-}
+TEST(HumanReadable, BytesAndDurationsRoundAcrossUnitBoundaries) {
+    const std::pair<uint64_t, const char*> sizes[] = {
+        {0, "0 bytes"}, {1, "1 byte"}, {999, "999 bytes"}, {1000, "1.0 kB"}, {1050, "1.1 kB"},
+        {999949, "999.9 kB"}, {999950, "1.0 MB"}, {209715200, "209.7 MB"}, {1500000000, "1.5 GB"},
+        {UINT64_MAX, "18.4 EB"}};
+    for (const auto& [bytes, text] : sizes) EXPECT_EQ(bytesToHumanReadableString(bytes), text) << bytes;
 
-TEST(HumanReadable, DurationsShowTheTwoLargestUnitsAndSayUnknownForNonsense) {
-    EXPECT_EQ(timeIntervalToHumanReadableString(0), "0 seconds");
-    EXPECT_EQ(timeIntervalToHumanReadableString(1), "1 second");
-    EXPECT_EQ(timeIntervalToHumanReadableString(59.4), "59 seconds");
-    EXPECT_EQ(timeIntervalToHumanReadableString(59.6), "1 minute") << "rounded before splitting";
-    EXPECT_EQ(timeIntervalToHumanReadableString(125), "2 minutes 5 seconds");
-    EXPECT_EQ(timeIntervalToHumanReadableString(3600), "1 hour");
-    EXPECT_EQ(timeIntervalToHumanReadableString(3600 + 59), "1 hour") << "seconds below two units are dropped";
-    EXPECT_EQ(timeIntervalToHumanReadableString(7320), "2 hours 2 minutes");
-    EXPECT_EQ(timeIntervalToHumanReadableString(86400 * 3 + 3600), "3 days 1 hour");
-    EXPECT_EQ(timeIntervalToHumanReadableString(-1), "unknown");
-    EXPECT_EQ(timeIntervalToHumanReadableString(0.0 / 0.0), "unknown");
-    EXPECT_EQ(timeIntervalToHumanReadableString(1.0 / 0.0), "unknown");
-    EXPECT_EQ(timeIntervalToHumanReadableString(1e300), "11574074074 days 1 hour") << "clamped, not overflowed";
+    const std::pair<double, const char*> durations[] = {
+        {0, "0 seconds"}, {1, "1 second"}, {59.6, "1 minute"}, {125, "2 minutes 5 seconds"},
+        {3659, "1 hour"}, {7320, "2 hours 2 minutes"}, {86400 * 3 + 3600, "3 days 1 hour"},
+        {-1, "unknown"}, {NAN, "unknown"}, {INFINITY, "unknown"}, {1e300, "11574074074 days 1 hour"}};
+    for (const auto& [seconds, text] : durations)
+        EXPECT_EQ(timeIntervalToHumanReadableString(seconds), text) << seconds;
 }
