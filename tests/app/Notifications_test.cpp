@@ -5,12 +5,12 @@
 
 #include <QCoreApplication>
 #include <QThread>
-#include <chrono>
 #include <cmath>
 #include <thread>
 #include <unistd.h>
 
 #include "app/UserDefaults.h"
+#include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
 #include "ui/logic/NotificationConsole.h"
@@ -72,10 +72,14 @@ struct NotificationsTest : ::testing::Test {
                                           std::make_shared<Recording>()};
     std::shared_ptr<Prefs> prefs = std::make_shared<Prefs>();
     void SetUp() override {
+        test::qtApp();
         for (int w = 0; w < 3; ++w) centre.setDelivery(w, ways[w]);
         centre.setPreferencesProvider(prefs);
     }
 };
+
+// Runs what was posted to the main thread so far.
+void settle() { QCoreApplication::processEvents(); }
 
 std::string drain(int fd) {
     std::string out;
@@ -93,7 +97,9 @@ TEST_F(NotificationsTest, InfoSwitchAndMutingDropWhatTheyShouldAndNothingElse) {
     centre.postAlert("alert", true);
     centre.postCritical("critical", false);
     centre.postProgress("copying", true, false);
-    ASSERT_EQ(ways[1]->count(), 3u) << "without a QCoreApplication, delivery happens in place";
+    EXPECT_EQ(ways[1]->count(), 0u) << "posting never delivers in the poster's call";
+    settle();
+    ASSERT_EQ(ways[1]->count(), 3u);
     EXPECT_EQ(ways[1]->shown[0]->title(), "Alert!");
     EXPECT_TRUE(ways[1]->shown[0]->isSticky());
     EXPECT_EQ(ways[1]->shown[1]->title(), "Critical Alert!");
@@ -110,13 +116,15 @@ TEST_F(NotificationsTest, InfoSwitchAndMutingDropWhatTheyShouldAndNothingElse) {
     centre.setYesNoHandler([&](const std::string& m, bool d) { ++asked; EXPECT_EQ(m, "Sure?"); return !d; });
     EXPECT_TRUE(centre.postYesNo("Sure?", false)) << "a question ignores muting";
     EXPECT_EQ(asked, 1);
-    EXPECT_EQ(ways[1]->count(), 3u);
     ASSERT_TRUE(handle) << "a muted progress message still gives a handle";
     QVNotificationCenter::updateProgress(handle, 0.5);
+    settle();
+    EXPECT_EQ(ways[1]->count(), 3u);
     EXPECT_TRUE(ways[1]->updates.empty());
 
     centre.setMuting(false);
     centre.postInfo("shown info", false);
+    settle();
     ASSERT_EQ(ways[1]->count(), 4u);
     EXPECT_EQ(ways[1]->shown[3]->title(), "Info");
 }
@@ -125,13 +133,17 @@ TEST_F(NotificationsTest, TheWayChoosesTheDeliveryWithFallbackAndLogsAlerts) {
     LogCapture log;
     auto fallback = std::make_shared<Recording>();
     centre.setFallbackDelivery(fallback);
+    // The way is read when the message is shown, on the main thread.
     prefs->values["QVNotificationType"] = 0;
     centre.postAlert("to the daemon", false);
+    settle();
     prefs->values["QVNotificationType"] = 2;
     centre.setDelivery(2, nullptr);
     centre.postCritical("no tray here", false);
+    settle();
     prefs->values["QVNotificationType"] = 7;
     centre.postAlert("nowhere", false);
+    settle();
     EXPECT_EQ(ways[0]->count(), 1u);
     EXPECT_EQ(fallback->count(), 1u) << "a way with no delivery falls back";
     EXPECT_EQ(ways[1]->count(), 0u);
@@ -142,6 +154,7 @@ TEST_F(NotificationsTest, TheWayChoosesTheDeliveryWithFallbackAndLogsAlerts) {
 
     centre.setFallbackDelivery(nullptr);
     centre.postInfo("dropped", false);
+    settle();
     EXPECT_EQ(fallback->count(), 1u);
     EXPECT_FALSE(log.has("dropped")) << "info messages are not logged";
 }
@@ -154,6 +167,7 @@ TEST_F(NotificationsTest, LifespanTitlesAndBadInput) {
     centre.setDelay(-1);
     centre.setDelay(NAN);
     centre.postAlert("b", false);
+    settle();
     EXPECT_DOUBLE_EQ(ways[1]->shown[0]->timeRemaining(), 5.0);
     EXPECT_DOUBLE_EQ(ways[1]->shown[1]->timeRemaining(), 2.5) << "refused delays leave the old one";
     EXPECT_TRUE(log.has("refused notification delay"));
@@ -168,18 +182,22 @@ TEST_F(NotificationsTest, LifespanTitlesAndBadInput) {
 TEST_F(NotificationsTest, ProgressHandlesRefuseAmountsOutsideZeroToOne) {
     LogCapture log;
     auto bar = centre.postProgress("indeterminate", false, false);
+    settle();
     ASSERT_EQ(ways[1]->count(), 1u);
     EXPECT_FALSE(bar->isDeterminate());
     EXPECT_TRUE(bar->isBusy());
     for (double bad : {1.01, -0.1, double(NAN), double(INFINITY)}) QVNotificationCenter::updateProgress(bar, bad);
+    settle();
     EXPECT_TRUE(ways[1]->updates.empty());
     EXPECT_TRUE(log.has("progress amount out of range 0..1: 1.01"));
     EXPECT_DOUBLE_EQ(bar->progress(), 0.0);
 
     QVNotificationCenter::updateProgress(bar, 0.4);
+    settle();
     EXPECT_TRUE(bar->isBusy());
     EXPECT_FALSE(bar->isDeterminate());
     QVNotificationCenter::updateProgress(bar, 1.0);
+    settle();
     EXPECT_FALSE(bar->isBusy()) << "a finished message may time out";
     EXPECT_TRUE(bar->isDeterminate()) << "a finished bar is shown full";
     EXPECT_EQ(ways[1]->updates, (std::vector<double>{0.4, 1.0}));
@@ -234,10 +252,7 @@ TEST(NotificationPreferences, UserDefaultsGiveColoursAndRefuseWhatIsNotOne) {
 }
 
 TEST(NotificationThreads, WorkersPostAndAskThroughTheMainThread) {
-    static int argc = 1;
-    static char name[] = "qv_unit_tests";
-    static char* argv[] = {name, nullptr};
-    QCoreApplication app(argc, argv);
+    QCoreApplication& app = test::qtApp();
     QVNotificationCenter centre;
     auto rec = std::make_shared<Recording>();
     centre.setDelivery(QVNotificationWayBuiltIn, rec);
@@ -255,10 +270,9 @@ TEST(NotificationThreads, WorkersPostAndAskThroughTheMainThread) {
         answer = centre.postYesNo("Continue?", false);
         done = true;
     });
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done && std::chrono::steady_clock::now() < deadline) QCoreApplication::processEvents();
+    test::processEventsUntil([&] { return done.load(); }, 30000);
     worker.join();
-    QCoreApplication::processEvents();
+    settle();
     ASSERT_EQ(rec->count(), 3u);
     EXPECT_EQ(rec->shown[1]->msg(), "from a worker");
     EXPECT_EQ(rec->lastThread, app.thread());
@@ -287,6 +301,7 @@ TEST(NotificationPanels, PlacementStacksDownwardsThenStartsAColumn) {
 }
 
 TEST(NotificationConsole, PrintsTitledLinesAndAsksOnTheTerminal) {
+    test::qtApp();
     int p[2];
     ASSERT_EQ(::pipe(p), 0);
     auto console = std::make_shared<ConsoleNotificationDelivery>(p[1]);
@@ -295,6 +310,7 @@ TEST(NotificationConsole, PrintsTitledLinesAndAsksOnTheTerminal) {
     centre.postAlert("Folder \x1b[31mred\x1b[0m\nlocked", false);
     auto bar = centre.postProgress("Copying", true, false);
     for (double a : {0.05, 0.12, 0.15, 0.5, 1.0}) QVNotificationCenter::updateProgress(bar, a);
+    settle();
     ::close(p[1]);
     EXPECT_EQ(drain(p[0]),
               "Alert!: Folder ?[31mred?[0m\nlocked\n"

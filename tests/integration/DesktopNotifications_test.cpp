@@ -9,18 +9,17 @@
 #include <QDBusMetaType>
 #include <QDBusVirtualObject>
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
-#include <thread>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
 #include "ui/logic/DesktopNotifications.h"
@@ -107,29 +106,11 @@ public:
     }
 };
 
-bool pumpUntil(const std::function<bool()>& done,
-               std::chrono::steady_clock::duration limit = std::chrono::seconds(20)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+bool pumpUntil(const std::function<bool()>& done) { return test::processEventsUntil(done, 20000); }
 
 class DesktopNotifications : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        static int argc = 1;
-        static char name[] = "qv_integration_tests";
-        static char* argv[] = {name, nullptr};
-        app_ = new QCoreApplication(argc, argv);
-    }
-    static void TearDownTestSuite() {
-        delete app_;
-        app_ = nullptr;
-    }
+    void SetUp() override { test::qtApp(); }
     // A centre that delivers way 0 through `delivery`.
     void useDelivery(std::shared_ptr<NotificationDelivery> delivery) {
         centre.setDelivery(QVNotificationWayDesktop, std::move(delivery));
@@ -142,11 +123,9 @@ protected:
             return key == "QVNotificationType" ? Value(0) : Value();
         }
     };
-    static QCoreApplication* app_;
     QVNotificationCenter centre;
     std::shared_ptr<WayZero> prefs = std::make_shared<WayZero>();
 };
-QCoreApplication* DesktopNotifications::app_ = nullptr;
 
 } // namespace
 
@@ -216,7 +195,7 @@ TEST_F(DesktopNotifications, NoBusOrNoDaemonWarnsOnceAndDropsWithoutBlocking) {
     useDelivery(std::make_shared<DesktopNotificationDelivery>());
     centre.postAlert("one", false);
     centre.postCritical("two", true);
-    pumpUntil([] { return false; }, std::chrono::milliseconds(200));
+    test::processEventsFor(200);
     if (saved)
         ::setenv("DBUS_SESSION_BUS_ADDRESS", savedValue.c_str(), 1);
     else
@@ -232,7 +211,7 @@ TEST_F(DesktopNotifications, NoBusOrNoDaemonWarnsOnceAndDropsWithoutBlocking) {
     centre.postAlert("four", false);
     centre.postInfo("five", false);
     // Give the bus's refusals time to come back; a second warning would show by then.
-    pumpUntil([] { return false; }, std::chrono::milliseconds(500));
+    test::processEventsFor(500);
     EXPECT_EQ(countOf("no desktop notification daemon answers"), 1);
     useDelivery(nullptr);
 }

@@ -1,13 +1,11 @@
 #include "ui/logic/QVNotificationCenter.h"
 
-#include <QCoreApplication>
-#include <QMetaObject>
-#include <QThread>
 #include <array>
 #include <cmath>
 #include <exception>
 
 #include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
 #include "ui/logic/DesktopNotifications.h"
 #include "ui/logic/QVNotificationColor.h"
 #include "ui/logic/QVUserDefaultsPreferencesProvider.h"
@@ -18,15 +16,6 @@ namespace {
 
 constexpr double kPanelMargin = 15.0;
 constexpr double kMenuBarHeight = 25.0;
-
-// Runs `fn` on the main thread without waiting; in place when the process has
-// no QCoreApplication and so no main event loop.
-void onMainThread(std::function<void()> fn) {
-    if (QCoreApplication* app = QCoreApplication::instance())
-        QMetaObject::invokeMethod(app, std::move(fn), Qt::QueuedConnection);
-    else
-        fn();
-}
 
 std::string exceptionText(std::exception_ptr e) {
     try {
@@ -153,7 +142,7 @@ void QVNotificationCenter::post(int type, const std::string& message, bool stick
     if (type == QVNotificationAlert) QVLogInfo("Posted alert message: " + message);
     if (type == QVNotificationCritical) QVLogInfo("Posted critical message: " + message);
     if (handle) *handle = n;
-    onMainThread([d = d_, n] { d->postNotification(n); });
+    performBlockOnMainThread([d = d_, n] { d->postNotification(n); });
 }
 
 void QVNotificationCenter::postInfo(const std::string& message, bool sticky) {
@@ -184,7 +173,7 @@ void QVNotificationCenter::updateProgress(const QVNotificationRef& notification,
         QV_LOG_ERROR(QVFormat("progress amount out of range 0..1: %g", amount));
         return;
     }
-    onMainThread([notification, amount] {
+    performBlockOnMainThread([notification, amount] {
         notification->updateProgress(amount);
         auto delivery = notification->delivery();
         if (!delivery) return;
@@ -216,14 +205,18 @@ bool QVNotificationCenter::postYesNo(const std::string& message, bool defaultBut
             return defaultButton;
         }
     };
-    QCoreApplication* app = QCoreApplication::instance();
-    if (app && QThread::currentThread() != app->thread()) {
-        bool answer = defaultButton;
-        QMetaObject::invokeMethod(app, [&] { answer = ask(); }, Qt::BlockingQueuedConnection);
-        return answer;
+    // In place on the main thread (and everywhere in a process without an event
+    // loop, one question at a time); from other threads, on the main thread while
+    // the caller waits.
+    std::unique_lock<std::recursive_mutex> inPlace(d_->askMutex, std::defer_lock);
+    if (QVIsMainThread()) inPlace.lock();
+    bool answer = defaultButton;
+    try {
+        performBlockOnMainThread([&] { answer = ask(); }, true);
+    } catch (...) {
+        QV_LOG_ERROR("couldn't ask the user, taking the default answer: " + exceptionText(std::current_exception()));
     }
-    std::lock_guard<std::recursive_mutex> lock(d_->askMutex);
-    return ask();
+    return answer;
 }
 
 void QVNotificationCenter::setDelay(double seconds) {
