@@ -63,7 +63,7 @@ bool allZero(const char* p, size_t n) {
     return true;
 }
 
-class ImageFormatTest : public ::testing::Test {
+class ImageOnDiskTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "the image tests mount file systems and need root";
@@ -71,7 +71,7 @@ protected:
     ImageSandbox box;
 };
 
-TEST_F(ImageFormatTest, SectorsAreXtsEncryptedUnderTheKeyInTheToken) {
+TEST_F(ImageOnDiskTest, SectorsAreXtsEncryptedUnderTheKeyInTheToken) {
     const std::string password = "format-password-\xc3\xa9\x01";  // any bytes
     for (const std::string encryption : {"AES-256", "AES-128"}) {
         SCOPED_TRACE(encryption);
@@ -128,7 +128,7 @@ TEST_F(ImageFormatTest, SectorsAreXtsEncryptedUnderTheKeyInTheToken) {
     }
 }
 
-TEST_F(ImageFormatTest, HeaderFilesDescribeTheImage) {
+TEST_F(ImageOnDiskTest, HeaderFilesDescribeTheImage) {
     const std::string password = "header-password";
     const std::string image = box.path("header.sparsebundle");
     ASSERT_EQ(box.create(image, password, 80, "HFS+", "AES-256", "Headers").exitCode, 0);
@@ -185,7 +185,7 @@ TEST_F(ImageFormatTest, HeaderFilesDescribeTheImage) {
     }
 }
 
-TEST_F(ImageFormatTest, FilesOfOthersInTheBundleAreLeftAlone) {
+TEST_F(ImageOnDiskTest, FilesOfOthersInTheBundleAreLeftAlone) {
     const std::string password = "others-password";
     const std::string image = box.path("others.sparsebundle");
     ASSERT_EQ(box.create(image, password, 64).exitCode, 0);
