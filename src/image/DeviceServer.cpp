@@ -1,0 +1,595 @@
+#define FUSE_USE_VERSION 312
+#include "image/DeviceServer.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fuse_lowlevel.h>
+#include <linux/falloc.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "image/BandStore.h"
+#include "image/Helpers.h"
+#include "toolkit/Log.h"
+
+namespace qv::image {
+
+namespace {
+
+constexpr fuse_ino_t kDiskInode = 2;
+constexpr const char* kDiskName = "disk";
+// The largest request, both ways: large requests keep the per-request cost
+// (a round trip through the kernel) small against the work of encryption.
+constexpr unsigned kMaxRequest = 1u << 20;
+
+// Everything the request handlers share; one per device process.
+struct Server {
+    std::unique_ptr<BandStore> store;
+    std::string deviceDir;
+    fuse_session* session = nullptr;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    int bandsFd = -1;
+    int wakeFd = -1;  // eventfd: the control thread looks again at the open count
+
+    std::mutex mutex;  // guards the three below
+    uint64_t openCount = 0;
+    bool stopWhenUnused = false;
+    bool shuttingDown = false;
+};
+
+Server& server(fuse_req_t req) { return *static_cast<Server*>(fuse_req_userdata(req)); }
+
+void wake(Server& s) {
+    uint64_t one = 1;
+    (void)!::write(s.wakeFd, &one, sizeof one);
+}
+
+struct stat diskAttributes(const Server& s) {
+    struct stat st {};
+    st.st_ino = kDiskInode;
+    st.st_mode = S_IFREG | 0600;
+    st.st_nlink = 1;
+    st.st_uid = s.uid;
+    st.st_gid = s.gid;
+    st.st_size = off_t(s.store->size());
+    st.st_blksize = kSectorSize;
+    st.st_blocks = blkcnt_t(s.store->size() / 512);
+    return st;
+}
+
+struct stat rootAttributes(const Server& s) {
+    struct stat st {};
+    st.st_ino = FUSE_ROOT_ID;
+    st.st_mode = S_IFDIR | 0700;
+    st.st_nlink = 2;
+    st.st_uid = s.uid;
+    st.st_gid = s.gid;
+    return st;
+}
+
+void opInit(void* userdata, fuse_conn_info* conn) {
+    (void)userdata;
+    conn->max_write = kMaxRequest;
+    conn->max_read = kMaxRequest;
+    conn->max_readahead = kMaxRequest;
+    // Plain reads and writes: the splice paths gain nothing for data that is
+    // encrypted in our own buffers anyway.
+    conn->want &= ~(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+}
+
+void opDestroy(void* userdata) {
+    auto* s = static_cast<Server*>(userdata);
+    if (int err = s->store->sync()) QV_LOG_ERROR(QVFormat("final sync failed: %s", std::strerror(err)));
+}
+
+void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+    Server& s = server(req);
+    if (parent != FUSE_ROOT_ID || std::strcmp(name, kDiskName) != 0) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    fuse_entry_param e {};
+    e.ino = kDiskInode;
+    e.attr = diskAttributes(s);
+    e.attr_timeout = 1.0;
+    e.entry_timeout = 1.0;
+    fuse_reply_entry(req, &e);
+}
+
+void opGetattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino == FUSE_ROOT_ID) {
+        struct stat st = rootAttributes(s);
+        fuse_reply_attr(req, &st, 1.0);
+    } else if (ino == kDiskInode) {
+        struct stat st = diskAttributes(s);
+        fuse_reply_attr(req, &st, 1.0);
+    } else {
+        fuse_reply_err(req, ENOENT);
+    }
+}
+
+void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int toSet, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino != kDiskInode) {
+        fuse_reply_err(req, EPERM);
+        return;
+    }
+    // The disk has the image's size; only resize changes it, offline.
+    if ((toSet & FUSE_SET_ATTR_SIZE) && uint64_t(attr->st_size) != s.store->size()) {
+        fuse_reply_err(req, EPERM);
+        return;
+    }
+    struct stat st = diskAttributes(s);
+    fuse_reply_attr(req, &st, 1.0);
+}
+
+void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+    Server& s = server(req);
+    if (ino != kDiskInode) {
+        fuse_reply_err(req, EISDIR);
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> g(s.mutex);
+        if (s.shuttingDown) {
+            fuse_reply_err(req, ENODEV);
+            return;
+        }
+        ++s.openCount;
+    }
+    // No page cache for the disk: whoever opens it (fuse2fs, the loop driver,
+    // e2fsprogs) caches what it needs, and every byte goes straight to the bands.
+    fi->direct_io = 1;
+    fi->keep_cache = 0;
+    fi->noflush = 1;
+    if (fuse_reply_open(req, fi) != 0) {
+        std::lock_guard<std::mutex> g(s.mutex);
+        --s.openCount;
+        wake(s);
+    }
+}
+
+void opRelease(fuse_req_t req, fuse_ino_t, fuse_file_info*) {
+    Server& s = server(req);
+    {
+        std::lock_guard<std::mutex> g(s.mutex);
+        if (s.openCount) --s.openCount;
+    }
+    wake(s);
+    fuse_reply_err(req, 0);
+}
+
+void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino != kDiskInode || off < 0) {
+        fuse_reply_err(req, EINVAL);
+        return;
+    }
+    const uint64_t total = s.store->size();
+    if (uint64_t(off) >= total) {
+        fuse_reply_buf(req, nullptr, 0);
+        return;
+    }
+    const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
+    thread_local std::vector<uint8_t> buffer;
+    if (buffer.size() < n) buffer.resize(n);
+    if (int err = s.store->read(uint64_t(off), n, buffer.data())) {
+        QV_LOG_ERROR(QVFormat("read of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
+        fuse_reply_err(req, err);
+        return;
+    }
+    fuse_reply_buf(req, reinterpret_cast<const char*>(buffer.data()), n);
+}
+
+void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino != kDiskInode || off < 0) {
+        fuse_reply_err(req, EINVAL);
+        return;
+    }
+    const uint64_t total = s.store->size();
+    if (uint64_t(off) >= total) {
+        fuse_reply_err(req, size ? ENOSPC : 0);
+        return;
+    }
+    const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
+    if (int err = s.store->write(uint64_t(off), n, reinterpret_cast<const uint8_t*>(buf))) {
+        QV_LOG_ERROR(QVFormat("write of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
+        fuse_reply_err(req, err);
+        return;
+    }
+    fuse_reply_write(req, n);
+}
+
+void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
+    Server& s = server(req);
+    int err = s.store->sync();
+    if (err) QV_LOG_ERROR(QVFormat("sync failed: %s", std::strerror(err)));
+    fuse_reply_err(req, err);
+}
+
+void opFsyncdir(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) { fuse_reply_err(req, 0); }
+
+void opFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+
+void opFallocate(fuse_req_t req, fuse_ino_t ino, int mode, off_t offset, off_t length, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino != kDiskInode || offset < 0 || length <= 0) {
+        fuse_reply_err(req, EINVAL);
+        return;
+    }
+    const bool punch = (mode & FALLOC_FL_PUNCH_HOLE) && (mode & FALLOC_FL_KEEP_SIZE);
+    const bool zero = (mode & FALLOC_FL_ZERO_RANGE) != 0;
+    if (!punch && !zero) {
+        // Space can't be reserved ahead in sparse bands.
+        fuse_reply_err(req, EOPNOTSUPP);
+        return;
+    }
+    const uint64_t total = s.store->size();
+    if (uint64_t(offset) >= total) {
+        fuse_reply_err(req, 0);
+        return;
+    }
+    const uint64_t n = std::min<uint64_t>(uint64_t(length), total - uint64_t(offset));
+    int err = s.store->discard(uint64_t(offset), n);
+    if (err) QV_LOG_ERROR(QVFormat("discard failed: %s", std::strerror(err)));
+    fuse_reply_err(req, err);
+}
+
+void opOpendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+    if (ino != FUSE_ROOT_ID) {
+        fuse_reply_err(req, ENOTDIR);
+        return;
+    }
+    fuse_reply_open(req, fi);
+}
+
+void opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info*) {
+    Server& s = server(req);
+    if (ino != FUSE_ROOT_ID) {
+        fuse_reply_err(req, ENOTDIR);
+        return;
+    }
+    std::vector<char> buf(size);
+    size_t used = 0;
+    struct Entry {
+        const char* name;
+        struct stat st;
+    };
+    const Entry entries[] = {{".", rootAttributes(s)}, {"..", rootAttributes(s)}, {kDiskName, diskAttributes(s)}};
+    for (off_t i = off; i < off_t(sizeof entries / sizeof entries[0]); ++i) {
+        const size_t need = fuse_add_direntry(req, buf.data() + used, size - used, entries[i].name, &entries[i].st, i + 1);
+        if (need > size - used) break;
+        used += need;
+    }
+    fuse_reply_buf(req, buf.data(), used);
+}
+
+void opReleasedir(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+
+void opStatfs(fuse_req_t req, fuse_ino_t) {
+    Server& s = server(req);
+    struct statvfs st {};
+    ::fstatvfs(s.bandsFd, &st);
+    st.f_namemax = 255;
+    fuse_reply_statfs(req, &st);
+}
+
+fuse_lowlevel_ops serverOperations() {
+    fuse_lowlevel_ops ops {};
+    ops.init = opInit;
+    ops.destroy = opDestroy;
+    ops.lookup = opLookup;
+    ops.getattr = opGetattr;
+    ops.setattr = opSetattr;
+    ops.open = opOpen;
+    ops.release = opRelease;
+    ops.read = opRead;
+    ops.write = opWrite;
+    ops.fsync = opFsync;
+    ops.fsyncdir = opFsyncdir;
+    ops.flush = opFlush;
+    ops.fallocate = opFallocate;
+    ops.opendir = opOpendir;
+    ops.readdir = opReaddir;
+    ops.releasedir = opReleasedir;
+    ops.statfs = opStatfs;
+    return ops;
+}
+
+void unmountDeviceDir(const std::string& dir) {
+    if (::geteuid() == 0) {
+        ::umount2(dir.c_str(), MNT_DETACH);
+    } else {
+        runProgram(kFusermount3, {"-u", "-z", "-q", dir});
+    }
+}
+
+// Waits for stop requests (signals) and for the disk to be closed; once asked
+// and unused, makes everything durable and ends the session.
+void controlLoop(Server& s, int signalFd) {
+    pollfd fds[2] = {{signalFd, POLLIN, 0}, {s.wakeFd, POLLIN, 0}};
+    for (;;) {
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (fds[0].revents & POLLIN) {
+            signalfd_siginfo info {};
+            if (::read(signalFd, &info, sizeof info) == sizeof info) {
+                std::lock_guard<std::mutex> g(s.mutex);
+                s.stopWhenUnused = true;
+            }
+        }
+        if (fds[1].revents & POLLIN) {
+            uint64_t n;
+            (void)!::read(s.wakeFd, &n, sizeof n);
+        }
+        {
+            std::lock_guard<std::mutex> g(s.mutex);
+            if (s.shuttingDown) return;
+            if (!s.stopWhenUnused || s.openCount != 0) continue;
+            s.shuttingDown = true;
+        }
+        if (int err = s.store->sync()) QV_LOG_ERROR(QVFormat("sync before stopping failed: %s", std::strerror(err)));
+        fuse_session_exit(s.session);
+        // Wakes the request threads: their reads of the session end.
+        unmountDeviceDir(s.deviceDir);
+        return;
+    }
+}
+
+// Descriptors the device process keeps; every other one is closed.
+void closeOtherDescriptors(const std::vector<int>& keep) {
+    std::vector<int> open;
+    if (DIR* d = ::opendir("/proc/self/fd")) {
+        const int own = ::dirfd(d);
+        while (dirent* e = ::readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            int fd = std::atoi(e->d_name);
+            if (fd > 2 && fd != own) open.push_back(fd);
+        }
+        ::closedir(d);
+    }
+    for (int fd : open)
+        if (std::find(keep.begin(), keep.end(), fd) == keep.end()) ::close(fd);
+}
+
+void report(int pipeFd, const std::string& message) {
+    (void)!::write(pipeFd, message.data(), message.size());
+}
+
+// The body of the device process. Never returns.
+[[noreturn]] void serve(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd, int pipeFd) {
+    int devNull = ::open("/dev/null", O_RDWR);
+    if (devNull >= 0) {
+        ::dup2(devNull, STDIN_FILENO);
+        ::dup2(devNull, STDOUT_FILENO);
+        ::dup2(devNull, STDERR_FILENO);
+        if (devNull > 2) ::close(devNull);
+    }
+    closeOtherDescriptors({image.directoryFd(), image.bandsFd(), lockFd, pipeFd});
+    if (::chdir("/") != 0) {
+        report(pipeFd, "Ecannot change to /");
+        ::_exit(1);
+    }
+    ::umask(077);
+    // Nobody may read the key out of this process.
+    ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    struct rlimit rl {};
+    if (::getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &rl);
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    sigset_t stops;
+    sigemptyset(&stops);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&stops, sig);
+    // Blocked before any thread exists, so that every thread inherits it and
+    // only the signal descriptor sees them.
+    ::pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+    const int signalFd = ::signalfd(-1, &stops, SFD_CLOEXEC);
+
+    Server s;
+    s.deviceDir = deviceDirOf(options.attachmentDir);
+    s.uid = ::geteuid();
+    s.gid = ::getegid();
+    s.bandsFd = image.bandsFd();
+    s.wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    s.store = std::make_unique<BandStore>(image.bandsFd(), options.size ? options.size : image.info().size,
+                                          image.info().encryption, key.data());
+    key.clear();
+    if (signalFd < 0 || s.wakeFd < 0) {
+        report(pipeFd, "Ecannot set up the device process");
+        ::_exit(1);
+    }
+
+    const std::string mountOptions =
+        QVFormat("fsname=qv-image,subtype=qv-image,max_read=%u", kMaxRequest);
+    std::vector<std::string> words = {"qv-image", "-o", mountOptions};
+    std::vector<char*> argv;
+    for (auto& w : words) argv.push_back(w.data());
+    fuse_args args = FUSE_ARGS_INIT(int(argv.size()), argv.data());
+    const fuse_lowlevel_ops ops = serverOperations();
+    s.session = fuse_session_new(&args, &ops, sizeof ops, &s);
+    if (!s.session) {
+        report(pipeFd, "Ecannot start a FUSE session");
+        ::_exit(1);
+    }
+    if (fuse_session_mount(s.session, s.deviceDir.c_str()) != 0) {
+        report(pipeFd, "Ecannot mount the disk (is /dev/fuse usable?)");
+        ::_exit(1);
+    }
+    report(pipeFd, "OK");
+    ::close(pipeFd);
+
+    std::thread control(controlLoop, std::ref(s), signalFd);
+    fuse_loop_config* config = fuse_loop_cfg_create();
+    fuse_loop_cfg_set_idle_threads(config, 4);
+    fuse_loop_cfg_set_max_threads(config, 16);
+    fuse_session_loop_mt(s.session, config);
+    fuse_loop_cfg_destroy(config);
+    {
+        std::lock_guard<std::mutex> g(s.mutex);
+        if (!s.shuttingDown) {
+            // The session ended from outside (the mount was taken away).
+            s.shuttingDown = true;
+            s.stopWhenUnused = true;
+        }
+    }
+    wake(s);
+    control.join();
+    int status = 0;
+    if (int err = s.store->sync()) {
+        QV_LOG_ERROR(QVFormat("final sync failed: %s", std::strerror(err)));
+        status = 1;
+    }
+    fuse_session_unmount(s.session);
+    fuse_session_destroy(s.session);
+    s.store.reset();
+    removeAttachmentDir(options.attachmentDir);
+    ::_exit(status);
+}
+
+} // namespace
+
+bool makeAttachmentDir(const std::string& base, std::string* dir, int* lockFd, QVError* error) {
+    std::string tmpl = base + "/att-XXXXXX";
+    if (!::mkdtemp(tmpl.data())) return failErrno(error, errno, "cannot make a runtime directory in '" + base + "'");
+    int fd = ::open(lockFileOf(tmpl).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::mkdir(deviceDirOf(tmpl).c_str(), 0700) != 0) {
+        const int err = errno;
+        if (fd >= 0) ::close(fd);
+        removeAttachmentDir(tmpl);
+        return failErrno(error, err, "cannot set up the runtime directory '" + tmpl + "'");
+    }
+    *dir = tmpl;
+    *lockFd = fd;
+    return true;
+}
+
+bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd, pid_t* pid,
+                       QVError* error) {
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+        key.clear();
+        return failErrno(error, errno, "cannot start the device process");
+    }
+    const pid_t parent = ::getpid();
+    int pidPipe[2] = {-1, -1};
+    if (options.detached && ::pipe2(pidPipe, O_CLOEXEC) != 0) {
+        key.clear();
+        ::close(pipeFds[0]);
+        ::close(pipeFds[1]);
+        return failErrno(error, errno, "cannot start the device process");
+    }
+    pid_t child = ::fork();
+    if (child < 0) {
+        const int err = errno;
+        key.clear();
+        return failErrno(error, err, "cannot start the device process");
+    }
+    if (child == 0) {
+        ::close(pipeFds[0]);
+        if (options.detached) {
+            // A session of its own, and a grandchild of the caller so that it is
+            // nobody's child once the caller is gone.
+            ::close(pidPipe[0]);
+            ::setsid();
+            pid_t grandchild = ::fork();
+            if (grandchild != 0) {
+                (void)!::write(pidPipe[1], &grandchild, sizeof grandchild);
+                ::_exit(grandchild < 0 ? 1 : 0);
+            }
+            ::close(pidPipe[1]);
+        } else {
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (::getppid() != parent) ::_exit(1);
+        }
+        serve(image, key, options, lockFd, pipeFds[1]);
+    }
+    // The key lives on in the device process only.
+    key.clear();
+    ::close(pipeFds[1]);
+    pid_t server = child;
+    if (options.detached) {
+        ::close(pidPipe[1]);
+        pid_t grandchild = -1;
+        if (::read(pidPipe[0], &grandchild, sizeof grandchild) != sizeof grandchild) grandchild = -1;
+        ::close(pidPipe[0]);
+        int status = 0;
+        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        server = grandchild;
+    }
+    std::string message;
+    char buf[256];
+    for (;;) {
+        ssize_t n = ::read(pipeFds[0], buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        message.append(buf, size_t(n));
+    }
+    ::close(pipeFds[0]);
+    if (message != "OK" || server <= 0) {
+        if (!options.detached) {
+            int status = 0;
+            ::waitpid(child, &status, 0);
+        }
+        return fail(error, ExitFailure,
+                    message.size() > 1 && message[0] == 'E' ? message.substr(1) : "the device process did not start");
+    }
+    *pid = server;
+    return true;
+}
+
+bool requestDeviceStop(pid_t pid) { return pid > 0 && ::kill(pid, SIGTERM) == 0; }
+
+bool stopDeviceServer(const std::string& attachmentDir, pid_t pid, bool wait, std::chrono::milliseconds limit,
+                      QVError* error) {
+    // Opened before asking, so that the lock can be watched even after the
+    // process has removed its directory.
+    int fd = ::open(lockFileOf(attachmentDir).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    requestDeviceStop(pid);
+    if (!wait) {
+        if (fd >= 0) ::close(fd);
+        return true;
+    }
+    bool ended = waitUntil(
+        [&] {
+            if (fd >= 0) return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+            return !processAlive(pid);
+        },
+        limit);
+    if (fd >= 0) ::close(fd);
+    // Our own child: reap it and learn whether its last sync worked.
+    int status = 0;
+    pid_t reaped = ::waitpid(pid, &status, ended ? 0 : WNOHANG);
+    if (!ended) return fail(error, ExitFailure, "the disk is still in use; it will be released once it is closed");
+    if (reaped == pid && !(WIFEXITED(status) && WEXITSTATUS(status) == 0))
+        return fail(error, ExitFailure, "the disk could not be written out completely");
+    return true;
+}
+
+} // namespace qv::image

@@ -1,0 +1,108 @@
+#include "image/VerbSupport.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <ext2fs/ext2_fs.h>
+#include <ext2fs/ext2fs.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "image/DeviceServer.h"
+#include "image/Helpers.h"
+#include "toolkit/Log.h"
+
+namespace qv::image {
+
+bool readPasswordIfGiven(const ParsedArguments& args, bool required, SecureBytes* password, QVError* error) {
+    if (!args.has("-stdinpass")) {
+        if (required) return fail(error, ExitUsage, "-stdinpass is required: the password comes on standard input");
+        return true;
+    }
+    return readPasswordFromStdin(password, error);
+}
+
+TemporaryDevice::~TemporaryDevice() {
+    if (pid_ > 0) {
+        QVError ignored;
+        stop(&ignored);
+    }
+}
+
+bool TemporaryDevice::start(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
+    std::string base;
+    if (!runtimeBase(&base, error)) {
+        key.clear();
+        return false;
+    }
+    int lockFd = -1;
+    if (!makeAttachmentDir(base, &dir_, &lockFd, error)) {
+        key.clear();
+        return false;
+    }
+    DeviceOptions options;
+    options.attachmentDir = dir_;
+    options.detached = false;
+    options.size = size;
+    const bool started = startDeviceServer(image, key, options, lockFd, &pid_, error);
+    // The attachment's lock stays with the device process alone, so that its end can be seen.
+    ::close(lockFd);
+    if (!started) {
+        removeAttachmentDir(dir_);
+        pid_ = 0;
+        return false;
+    }
+    disk_ = devEntryOf(dir_);
+    return true;
+}
+
+bool TemporaryDevice::stop(QVError* error) {
+    if (pid_ <= 0) return true;
+    const pid_t pid = pid_;
+    pid_ = 0;
+    return stopDeviceServer(dir_, pid, true, std::chrono::minutes(5), error);
+}
+
+bool readFileSystemState(const std::string& disk, FileSystemState* state, QVError* error) {
+    int fd = ::open(disk.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return failErrno(error, errno, "cannot open the disk");
+    ext2_super_block sb {};
+    ssize_t n = ::pread(fd, &sb, sizeof sb, SUPERBLOCK_OFFSET);
+    const int err = errno;
+    ::close(fd);
+    if (n < 0) return failErrno(error, err, "cannot read the disk");
+    if (size_t(n) != sizeof sb || sb.s_magic != EXT2_SUPER_MAGIC || sb.s_log_block_size > 6)
+        return fail(error, ExitNotAnImage, "the image holds no ext4 file system (wrong password for a damaged image?)");
+    state->clean = (sb.s_state & EXT2_VALID_FS) && !(sb.s_state & EXT2_ERROR_FS) &&
+                   !ext2fs_has_feature_journal_needs_recovery(&sb);
+    state->blockSize = uint64_t(EXT2_MIN_BLOCK_SIZE) << sb.s_log_block_size;
+    state->blocks = ext2fs_blocks_count(&sb);
+    state->freeBlocks = ext2fs_free_blocks_count(&sb);
+    return true;
+}
+
+bool checkFileSystem(const std::string& disk, bool force, QVError* error) {
+    FileSystemState state;
+    if (!readFileSystemState(disk, &state, error)) return false;
+    if (state.clean && !force) return true;
+    // Exit status bits: 1 errors fixed, 2 reboot advised (meaningless for an
+    // image), 4 errors left, 8 and up the check itself failed.
+    auto fixed = [](const ProgramResult& r) { return r.exited && (r.status & ~3) == 0; };
+    std::vector<std::string> args{"-p"};
+    if (force) args.push_back("-f");
+    args.push_back(disk);
+    ProgramResult r = runProgram(kE2fsck, args);
+    if (fixed(r)) return true;
+    if (r.exited && r.status == 4) {
+        // Preen mode stops at problems it won't fix unattended; the file system
+        // can't be mounted without fixing them.
+        QV_LOG_WARN("e2fsck -p could not repair " + disk + " on its own: " + r.summary() + "; running e2fsck -y");
+        r = runProgram(kE2fsck, {"-f", "-y", disk});
+        if (fixed(r)) return true;
+    }
+    return fail(error, ExitFailure, "the file system check failed: " + r.summary());
+}
+
+} // namespace qv::image
