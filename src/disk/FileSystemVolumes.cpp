@@ -6,11 +6,15 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "disk/ProcessRunner.h"
 #include "toolkit/Log.h"
 
 namespace qv {
@@ -175,6 +179,39 @@ long ownerForPath(const std::string& path) {
         if (at == 0 || o[at - 1] == ',') return std::strtol(o.c_str() + at + key.size(), nullptr, 10);
     }
     return 0;
+}
+
+std::optional<std::string> volnameAtURL(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    auto entry = entryForDevice(st.st_dev);
+    if (!entry) return std::nullopt;
+    std::string label;
+    // A file system the kernel drives tells its label itself.
+    int fd = ::open(entry->mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        char buffer[FSLABEL_MAX + 1] = {};
+        if (::ioctl(fd, FS_IOC_GETFSLABEL, buffer) == 0) label = buffer;
+        ::close(fd);
+    }
+    // A FUSE mount of an ext4 disk: the label is in the superblock of the disk behind it.
+    if (label.empty() && entry->fsType.rfind("fuse", 0) == 0 && !entry->source.empty() && entry->source[0] == '/') {
+        QVError error;
+        auto out = quickCommand("/usr/sbin/e2label", {entry->source}, &error);
+        if (out && error.empty()) {
+            label = *out;
+            while (!label.empty() && (label.back() == '\n' || label.back() == '\r')) label.pop_back();
+        }
+    }
+    if (label.empty()) return std::nullopt;
+    return label;
+}
+
+void notePathChanged(const std::string& path) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) return;
+    if (::chmod(path.c_str(), st.st_mode & 07777) != 0)
+        QV_LOG_WARN(QVFormat("can't tell watchers that '%s' changed: %s", path.c_str(), std::strerror(errno)));
 }
 
 bool isSymbolicLinkAtPath(const std::string& path) {

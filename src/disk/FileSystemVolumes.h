@@ -51,6 +51,16 @@ bool isReadOnlyFSAtPath(const std::string& path);
 // (logged) when the path can't be examined.
 long ownerForPath(const std::string& path);
 
+// The name of the volume that holds `path`: its file-system label (ext4's,
+// read from the mounted file system, or from the device behind a FUSE mount).
+// nullopt when the volume has no label or it can't be read.
+std::optional<std::string> volnameAtURL(const std::string& path);
+
+// Tells file managers that watch the item that it changed (a folder that was
+// replaced, or that a volume was mounted on), by an attribute change that
+// alters nothing: its mode set to what it is.
+void notePathChanged(const std::string& path);
+
 // The item itself (not what it points to) is a symbolic link.
 bool isSymbolicLinkAtPath(const std::string& path);
 // A symbolic link that leads to a directory: what stands for an alias of a folder.

@@ -2,6 +2,8 @@
 // plain items in a temporary directory; no mounting of our own.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <string>
 
 #include "disk/FileSystemVolumes.h"
+#include "disk/ProcessRunner.h"
 #include "support/TempHome.h"
 
 namespace {
@@ -103,6 +106,44 @@ TEST_F(VolumesTest, KindsOfItems) {
     EXPECT_FALSE(qv::isAliasFolderAtPath(dir + "/file-link"));
     EXPECT_FALSE(qv::isAliasFolderAtPath(dir + "/dangling"));
     EXPECT_FALSE(qv::isAliasFolderAtPath(dir + "/folder"));
+}
+
+TEST_F(VolumesTest, VolumeNamesAreLabels) {
+    EXPECT_FALSE(qv::volnameAtURL("/proc").has_value()) << "a file system without a label has no name";
+    EXPECT_FALSE(qv::volnameAtURL(dir + "/missing").has_value());
+    // The root's label, when the root is a labelled disk we may read, checked against e2label.
+    std::string source;
+    for (const auto& e : qv::QVReadMountTable())
+        if (e.mountPoint == "/" && e.fsType.rfind("ext", 0) == 0) source = e.source;
+    if (source.empty() || ::access(source.c_str(), R_OK) != 0) GTEST_SKIP() << "no readable ext root device";
+    qv::QVError error;
+    auto label = qv::quickCommand("/usr/sbin/e2label", {source}, &error);
+    ASSERT_TRUE(label.has_value());
+    while (!label->empty() && label->back() == '\n') label->pop_back();
+    EXPECT_EQ(qv::volnameAtURL(dir).value_or(""), *label) << "any path on the volume gives its name";
+}
+
+TEST_F(VolumesTest, NoteOfAChangeReachesWatchersAndChangesNothing) {
+    fs::create_directories(dir + "/watched");
+    std::ofstream(dir + "/watched/item") << "x";
+    ::chmod((dir + "/watched/item").c_str(), 0640);
+    int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_GE(::inotify_add_watch(fd, (dir + "/watched").c_str(), IN_ATTRIB), 0);
+    qv::notePathChanged(dir + "/watched/item");
+    pollfd p{fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&p, 1, 5000), 1) << "the watcher of the folder hears of the item";
+    alignas(inotify_event) char buffer[4096];
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    ASSERT_GT(n, 0);
+    auto* event = reinterpret_cast<inotify_event*>(buffer);
+    EXPECT_TRUE(event->mask & IN_ATTRIB);
+    EXPECT_STREQ(event->name, "item");
+    ::close(fd);
+    struct stat st;
+    ::stat((dir + "/watched/item").c_str(), &st);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    qv::notePathChanged(dir + "/missing");  // nothing to tell, and no harm
 }
 
 } // namespace
