@@ -26,12 +26,14 @@ using QVBlock = std::function<void()>;
 // is none.
 bool QVIsMainThread();
 
-// Has the block run on the main thread. On the main thread it runs at once, in
-// place, whatever `wait` says, so that a step "on the main thread, waiting" called
-// from there can never wait for itself. Elsewhere it is queued to the main thread's
-// event loop; with `wait` the caller blocks until it has run, and an exception that
-// leaves the block is thrown again in the waiting caller. Without `wait`, an
-// exception that leaves the block is logged and dropped.
+// Has the block run on the main thread.
+// - With `wait`: called on the main thread, it runs at once, in place, so that a
+//   step "on the main thread, waiting" can never wait for itself; called elsewhere,
+//   it is queued to the main thread's event loop and the caller blocks until it has
+//   run. An exception that leaves the block is thrown again in the caller.
+// - Without `wait`: it is queued, also when called on the main thread, so that it
+//   always runs after the caller's own code. An exception that leaves the block is
+//   logged and dropped.
 void performBlockOnMainThread(QVBlock block, bool wait);
 // The same without waiting.
 inline void performBlockOnMainThread(QVBlock block) { performBlockOnMainThread(std::move(block), false); }
