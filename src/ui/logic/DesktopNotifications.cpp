@@ -11,10 +11,12 @@
 #include <QThread>
 #include <QVariantMap>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "toolkit/Log.h"
@@ -172,6 +174,25 @@ void DesktopNotificationDelivery::deliver(const QVNotificationRef& notification)
                              }
                              w->deleteLater();
                          });
+    }
+}
+
+} // namespace qv
+
+namespace qv {
+
+bool DesktopNotificationDelivery::flush(double seconds) {
+    // The connection's own thread takes the answers in; this only looks.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(std::isfinite(seconds) ? seconds : 0.0);
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(s_->mutex);
+            s_->checkReplies();
+            if (s_->pending.empty()) return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 

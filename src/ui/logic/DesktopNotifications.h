@@ -25,6 +25,8 @@ public:
     // markup); urgency 2 for critical messages, 1 for the others; a sticky message
     // never expires, the others after their lifespan.
     void deliver(const QVNotificationRef& notification) override;
+    // Waits for the daemon's answers (or its absence) to the messages sent so far.
+    bool flush(double seconds) override;
 
     struct State;
 

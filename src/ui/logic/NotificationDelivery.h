@@ -28,6 +28,14 @@ public:
     // A progress message that this delivery showed has a new amount (or turned
     // determinate on finishing). Same thread rules as deliver().
     virtual void progressChanged(const QVNotificationRef& notification) { (void)notification; }
+
+    // Waits up to `seconds` until every message handed out has been taken by the
+    // service behind this delivery; true when none is outstanding. For a process
+    // about to exit. A delivery that shows messages at once has nothing to wait for.
+    virtual bool flush(double seconds) {
+        (void)seconds;
+        return true;
+    }
 };
 
 } // namespace qv

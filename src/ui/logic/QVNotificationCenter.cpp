@@ -1,6 +1,9 @@
 #include "ui/logic/QVNotificationCenter.h"
 
+#include <QCoreApplication>
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <exception>
 
@@ -277,6 +280,30 @@ void QVNotificationCenter::setFallbackDelivery(std::shared_ptr<NotificationDeliv
 void QVNotificationCenter::setYesNoHandler(YesNoHandler handler) {
     std::lock_guard<std::mutex> lock(d_->mutex);
     d_->yesNo = std::move(handler);
+}
+
+bool QVNotificationCenter::flush(double seconds) {
+    if (QCoreApplication::instance() && QVIsMainThread()) QCoreApplication::processEvents();
+    std::vector<std::shared_ptr<NotificationDelivery>> all;
+    {
+        std::lock_guard<std::mutex> lock(d_->mutex);
+        all.assign(d_->deliveries.begin(), d_->deliveries.end());
+        all.push_back(d_->fallback);
+    }
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::duration<double>(std::isfinite(seconds) ? seconds : 0.0);
+    bool done = true;
+    for (const auto& delivery : all) {
+        if (!delivery) continue;
+        double left = std::max(0.0, std::chrono::duration<double>(deadline - Clock::now()).count());
+        try {
+            done = delivery->flush(left) && done;
+        } catch (...) {
+            QV_LOG_ERROR("a delivery failed to flush: " + exceptionText(std::current_exception()));
+            done = false;
+        }
+    }
+    return done;
 }
 
 std::vector<QVNotificationRef> QVNotificationCenter::notifications() const {

@@ -16,6 +16,8 @@
 //   (ConsoleNotificationDelivery and QVAskYesNoOnTerminal: ui/logic/NotificationConsole.h)
 //   centre.setYesNoHandler(QVAskYesNoOnTerminal);           // qv; the application: a message box
 //   centre.setUserDefaultsPreferencesProvider();            // both, after the defaults are registered
+//   ...
+//   centre.flush(2.0);                                      // qv, before exiting
 //
 // Way 0 is built in: the centre installs a DesktopNotificationDelivery on the
 // session bus at creation. Ways 1 and 2 exist only where a front end installs
@@ -96,6 +98,11 @@ public:
     // be the message.
     using YesNoHandler = std::function<bool(const std::string& message, bool defaultButton)>;
     void setYesNoHandler(YesNoHandler handler);
+
+    // For a process about to exit: delivers what was posted from this thread, then
+    // waits up to `seconds` until the deliveries have handed every message on (the
+    // notification daemon's answers). True when nothing is outstanding.
+    bool flush(double seconds);
 
     // The messages on show in built-in panels (main thread only). A message joins
     // when the built-in delivery shows it and leaves when its panel dies.
