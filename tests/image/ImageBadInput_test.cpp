@@ -108,6 +108,19 @@ TEST_F(ImageBadInputTest, DamagedImagesAreRefusedAndLeftAlone) {
             f(image + "/Info.bckup");
         };
     };
+    // Replaces the value that follows <key>name</key> in a property list's text.
+    auto setField = [](const std::string& key, const std::string& value) {
+        return [key, value](const std::string& p) {
+            std::string text = readFile(p);
+            const std::string tag = "<key>" + key + "</key>";
+            size_t at = text.find(tag);
+            ASSERT_NE(at, std::string::npos) << key << " not in " << text;
+            size_t from = text.find('<', at + tag.size());
+            size_t close = text.find('>', text.find("</", from));
+            text.replace(from, close + 1 - from, value);
+            writeBytes(p, text);
+        };
+    };
     auto truncateHalf = [](const std::string& p) { fs::resize_file(p, fs::file_size(p) / 2); };
     const std::vector<Damage> damages = {
         {"garbage in both property lists", both([&](const std::string& p) { writeBytes(p, junk); })},
@@ -118,6 +131,12 @@ TEST_F(ImageBadInputTest, DamagedImagesAreRefusedAndLeftAlone) {
          both([](const std::string& p) {
              writeBytes(p, "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><integer>1</integer></array></plist>");
          })},
+        {"unknown format version", both(setField("format-version", "<integer>2</integer>"))},
+        {"band size of zero", both(setField("band-size", "<integer>0</integer>"))},
+        {"disk size of zero", both(setField("size", "<integer>0</integer>"))},
+        {"disk size not whole sectors", both(setField("size", "<integer>67108865</integer>"))},
+        {"disk size beyond reason", both(setField("size", "<integer>-4096</integer>"))},
+        {"unknown encryption", both(setField("encryption", "<string>ROT13</string>"))},
         {"garbage token", [&](const std::string& i) { writeBytes(i + "/token", junk); }},
         {"truncated token", [&](const std::string& i) { truncateHalf(i + "/token"); }},
         {"missing token", [](const std::string& i) { fs::remove(i + "/token"); }},
