@@ -17,6 +17,7 @@
 
 #include "disk/Acl.h"
 #include "disk/ExtendedAttributes.h"
+#include "disk/RenameAt.h"
 #include "disk/SizeWalk.h"
 #include "toolkit/Log.h"
 
@@ -529,7 +530,7 @@ long replaceWith(int dir, const std::string& staged, const std::string& name) {
     if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP) return errno;
     // No exchange here: step the old item aside, then bring the new one in.
     const std::string aside = randomName(".qvold-");
-    if (::renameat2(dir, name.c_str(), dir, aside.c_str(), RENAME_NOREPLACE) != 0) return errno;
+    if (int err = QVRenameNoReplaceAt(dir, name.c_str(), dir, aside.c_str()); err != 0) return err;
     if (::renameat(dir, staged.c_str(), dir, name.c_str()) != 0) {
         int err = errno;
         ::renameat(dir, aside.c_str(), dir, name.c_str());
@@ -569,14 +570,32 @@ long moveItem(const std::string& source, int dstDir, const std::string& destinat
         QV_LOG_ERROR(QVFormat("destination exists: %s", joinPath(destination, name).c_str()));
         return EEXIST;
     }
-    if (!exists && ::renameat2(AT_FDCWD, source.c_str(), dstDir, name.c_str(), RENAME_NOREPLACE) == 0) return 0;
-    if (exists && ::renameat2(AT_FDCWD, source.c_str(), dstDir, name.c_str(), RENAME_EXCHANGE) == 0) {
+    int moved = 0;
+    if (!exists) {
+        moved = QVRenameNoReplaceAt(AT_FDCWD, source.c_str(), dstDir, name.c_str());
+        if (moved == 0) return 0;
+    } else if (::renameat2(AT_FDCWD, source.c_str(), dstDir, name.c_str(), RENAME_EXCHANGE) == 0) {
         // The replaced item now sits where the source was.
         int err = removeTree(source);
         if (err != 0) QV_LOG_WARN(QVFormat("couldn't remove the replaced '%s': %s", name.c_str(), std::strerror(err)));
         return 0;
+    } else {
+        moved = errno;
+        if (moved == EINVAL || moved == ENOSYS || moved == ENOTSUP) {
+            // No exchange on this file system: step the old item aside, bring the source in.
+            const std::string aside = randomName(".qvold-");
+            if (int err = QVRenameNoReplaceAt(dstDir, name.c_str(), dstDir, aside.c_str()); err != 0) return err;
+            moved = QVRenameNoReplaceAt(AT_FDCWD, source.c_str(), dstDir, name.c_str());
+            if (moved != 0) {
+                ::renameat(dstDir, aside.c_str(), dstDir, name.c_str());
+            } else {
+                int err = removeTreeAt(dstDir, aside.c_str());
+                if (err != 0) QV_LOG_WARN(QVFormat("couldn't remove the replaced '%s': %s", name.c_str(), std::strerror(err)));
+                return 0;
+            }
+        }
     }
-    if (errno != EXDEV) return errno;
+    if (moved != EXDEV) return moved;
     if (options & QVFileOperationDoNotMoveAcrossVolumes) return EXDEV;
 
     uint64_t totalBytes = 0;
@@ -607,15 +626,14 @@ bool inSkipList(const char* name) {
 // that its owner made read-only can't be moved to another parent as it is (its
 // ".." changes), so it is opened for the owner for the moment of the move.
 int liftOne(int from, const char* name, int to) {
-    if (::renameat2(from, name, to, name, RENAME_NOREPLACE) == 0) return 0;
-    int err = errno;
+    int err = QVRenameNoReplaceAt(from, name, to, name);
+    if (err == 0) return 0;
     struct stat st;
     if (err != EACCES || ::fstatat(from, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode) ||
         (st.st_mode & S_IWUSR))
         return err;
     if (::fchmodat(from, name, (st.st_mode & 07777) | S_IWUSR, 0) != 0) return err;
-    if (::renameat2(from, name, to, name, RENAME_NOREPLACE) != 0) {
-        err = errno;
+    if ((err = QVRenameNoReplaceAt(from, name, to, name)) != 0) {
         ::fchmodat(from, name, st.st_mode & 07777, 0);
         return err;
     }

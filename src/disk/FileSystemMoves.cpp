@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "disk/RenameAt.h"
 #include "toolkit/Log.h"
 
 namespace qv {
@@ -48,9 +49,8 @@ bool isSingleName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
-// rename(2) that never replaces: a check before it can't see a racing creation.
 int renameNoReplace(const std::string& from, const std::string& to) {
-    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+    return QVRenameNoReplaceAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str());
 }
 
 } // namespace
