@@ -121,7 +121,8 @@ void compareEntry(const std::string& label, const std::string& expectedPath, con
     if (options.owners && (x.st.st_uid != y.st.st_uid || x.st.st_gid != y.st.st_gid))
         differ("owner", std::to_string(x.st.st_uid) + ":" + std::to_string(x.st.st_gid),
                std::to_string(y.st.st_uid) + ":" + std::to_string(y.st.st_gid));
-    if (x.st.st_mtim.tv_sec != y.st.st_mtim.tv_sec || x.st.st_mtim.tv_nsec != y.st.st_mtim.tv_nsec)
+    if (x.st.st_mtim.tv_sec != y.st.st_mtim.tv_sec ||
+        (!options.wholeSeconds && x.st.st_mtim.tv_nsec != y.st.st_mtim.tv_nsec))
         differ("mtime", std::to_string(x.st.st_mtim.tv_sec) + "." + std::to_string(x.st.st_mtim.tv_nsec),
                std::to_string(y.st.st_mtim.tv_sec) + "." + std::to_string(y.st.st_mtim.tv_nsec));
     if (x.xattrs != y.xattrs) differ("extended attributes", std::to_string(x.xattrs.size()) + " of them",

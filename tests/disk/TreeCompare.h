@@ -25,6 +25,9 @@ std::map<std::string, TreeEntry> scanTree(const std::string& root);
 struct CompareOptions {
     bool owners = true;
     bool rootMetadata = false;  // also compare the two roots' own mode, times, attributes, ACLs
+    // Modification times to the second: the fuse2fs layer of an image volume
+    // reports whole seconds only.
+    bool wholeSeconds = false;
 };
 
 // One line per difference; empty when the trees agree.
