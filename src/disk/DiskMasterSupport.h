@@ -1,0 +1,75 @@
+#pragma once
+// What the DiskMaster operations share: the records of a face, the image
+// password buffer that is scrubbed whatever happens, the posts of progress to
+// the main thread, and running the disk-image helper.
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "toolkit/QVError.h"
+#include "vault/QVRecord.h"
+#include "vault/Value.h"
+
+namespace qv::diskmaster {
+
+// The records an operation works on; any of them may be null.
+struct FaceParts {
+    QVRecordRef face;
+    QVRecordRef folder;
+    QVRecordRef diskinfo;
+    QVRecordRef storage;
+    std::string mountpoint;  // the folder's own path
+    std::string imagePath;   // diskinfo.url
+};
+FaceParts partsOf(const QVRecordRef& face);
+
+std::string lastPathComponent(const std::string& path);
+
+// The image password in plain form, for one run of the helper. Filled from
+// the folder's `password` under the Folder Set's password; whatever path the
+// operation takes, the destructor overwrites the bytes with random ones and
+// then with zeros before they are freed.
+class ImagePassword {
+public:
+    ImagePassword(const QVRecordRef& face, const QVRecordRef& folder) : face_(face), folder_(folder) {}
+    ~ImagePassword();
+    ImagePassword(const ImagePassword&) = delete;
+    ImagePassword& operator=(const ImagePassword&) = delete;
+
+    // False with error 1004 when the folder has no password, no Folder Set to
+    // open it with, or the password can't be decrypted.
+    bool fill(QVError* error);
+    std::span<const uint8_t> bytes() const { return {buffer_.data(), buffer_.size()}; }
+
+private:
+    QVRecordRef face_;
+    QVRecordRef folder_;
+    Bytes buffer_;
+};
+
+// Posted to the main thread, without waiting. Each part is changed only when given.
+struct Progress {
+    std::optional<bool> indeterminate = std::nullopt;
+    std::optional<bool> animate = std::nullopt;
+    std::optional<double> percentage = std::nullopt;
+    std::optional<std::string> status = std::nullopt;
+};
+void postProgress(const QVRecordRef& face, Progress progress);
+
+// Sets the face's `locked` on the main thread and waits for it.
+void setLockedOnMainThread(const QVRecordRef& face, bool locked);
+
+// Runs qv-image with these arguments. With `input` the bytes go to its standard
+// input; without, its standard input is an empty pipe (never our terminal).
+std::optional<std::vector<uint8_t>> runImageTool(const std::vector<std::string>& args,
+                                                 std::optional<std::span<const uint8_t>> input, QVError* error);
+
+// The text of a helper's output, "" when it isn't text.
+std::string outputText(const std::optional<std::vector<uint8_t>>& output);
+
+// A helper's one-line message without its trailing newline.
+std::string trimmedMessage(const std::string& text);
+
+} // namespace qv::diskmaster
