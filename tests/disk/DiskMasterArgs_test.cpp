@@ -13,6 +13,7 @@
 #include "disk/StorageLocations.h"
 #include "disk/ToolPaths.h"
 #include "disk/TreeCompare.h"
+#include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "toolkit/AtomicFile.h"
 #include "vault/PropertyList.h"
@@ -135,12 +136,14 @@ TEST(DiskMasterRules, CancelBlockShowsProgressAndAnswersTheFacesCancelFlag) {
     QVCopyStatus status;
     status.bytesCompleted = 250;
     status.throughput = 25;
-    // Without an application the posts run in place.
+    test::qtApp();
     EXPECT_FALSE(block(0, status));
-    EXPECT_DOUBLE_EQ(FolderFaceRef{face}.progressPercentage().toDouble(), 0.25);
+    EXPECT_TRUE(test::processEventsUntil([&] { return FolderFaceRef{face}.progressPercentage().toDouble() == 0.25; }))
+        << "posted to the main thread";
     EXPECT_EQ(FolderFaceRef{face}.statusText().toString(), "Time left: 30 seconds");
     FolderFaceRef{face}.setOpCanceled(Value(true));
     EXPECT_TRUE(block(5, status)) << "an error code still answers the flag";
+    test::processEventsFor(20);
     EXPECT_DOUBLE_EQ(FolderFaceRef{face}.progressPercentage().toDouble(), 0.0) << "an error carries no amounts";
     EXPECT_FALSE(DiskMaster::copyCancelBlockForFolderFace(nullptr, 0)(0, status));
 }
