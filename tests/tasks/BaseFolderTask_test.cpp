@@ -1,0 +1,331 @@
+#include "tasks/BaseFolderTask.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <stdexcept>
+
+#include "support/QtApp.h"
+#include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
+#include "ui/logic/FolderList.h"
+#include "ui/logic/QVNotificationCenter.h"
+#include "vault/Schemas.h"
+
+using namespace qv;
+
+namespace {
+
+// A door a task waits at until the test opens it (a minute at most, so that a
+// fault fails the test instead of hanging it).
+struct Door {
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool open = false;
+    void openIt() {
+        std::lock_guard lock(mutex);
+        open = true;
+        condition.notify_all();
+    }
+    bool pass() {
+        std::unique_lock lock(mutex);
+        return condition.wait_for(lock, std::chrono::seconds(60), [this] { return open; });
+    }
+};
+
+// The task of these tests: its body is whatever the test gives it.
+struct ScriptedTask : FolderTask<ScriptedTask> {
+    std::function<OperationResult(ScriptedTask&, const QVRecordRef&)> body;
+    std::atomic<bool> ran{false};
+    std::weak_ptr<Operation> currentAtStart;  // weak: the task must not hold its own operation
+    OperationResult go(const QVRecordRef& face) override {
+        ran = true;
+        performBlockOnMainThread([&] { currentAtStart = FolderFaceRef{face}.currentOp().as<Operation>(); }, true);
+        return body ? body(*this, face) : std::nullopt;
+    }
+};
+
+OperationRef scripted(const QVRecordRef& face, std::function<OperationResult(ScriptedTask&, const QVRecordRef&)> body) {
+    OperationRef operation = ScriptedTask::taskWithFolderFace(face);
+    ScriptedTask::taskOf(operation)->body = std::move(body);
+    return operation;
+}
+
+std::shared_ptr<ScriptedTask> task(const OperationRef& operation) { return ScriptedTask::taskOf(operation); }
+
+struct Recording : NotificationDelivery {
+    std::vector<QVNotificationRef> shown;
+    void deliver(const QVNotificationRef& n) override { shown.push_back(n); }
+};
+struct BuiltInWay : PreferencesProvider {
+    Value fetchValueForPreference(const std::string& key) override {
+        return key == "QVNotificationType" ? Value(int(QVNotificationWayBuiltIn)) : Value();
+    }
+};
+
+class FolderTaskTest : public ::testing::Test {
+protected:
+    OperationQueue queue;
+    QVRecordRef face;
+    std::vector<std::string> log;  // lines come from workers too
+    mutable std::mutex logMutex;
+    std::shared_ptr<Recording> alerts = std::make_shared<Recording>();
+    std::shared_ptr<NotificationDelivery> previousDelivery;
+    QVLogSink previousSink;
+
+    void SetUp() override {
+        test::qtApp();
+        face = faceAt("/nonexistent/Tax Papers");
+        previousSink = QVLogSetSink([this](const std::string& line) {
+            std::lock_guard lock(logMutex);
+            log.push_back(line);
+        });
+        auto& centre = QVNotificationCenter::defaultCenter();
+        previousDelivery = centre.delivery(QVNotificationWayBuiltIn);
+        centre.setDelivery(QVNotificationWayBuiltIn, alerts);
+        centre.setPreferencesProvider(std::make_shared<BuiltInWay>());
+    }
+    void TearDown() override {
+        // Workers may be waiting for the main thread: turn it until they are done.
+        EXPECT_TRUE(test::processEventsUntil([&] { return queue.operationCount() == 0; }, 60000));
+        test::processEventsFor(10);
+        auto& centre = QVNotificationCenter::defaultCenter();
+        centre.setDelivery(QVNotificationWayBuiltIn, previousDelivery);
+        centre.setPreferencesProvider(nullptr);
+        QVLogSetSink(previousSink);
+    }
+    static QVRecordRef faceAt(const std::string& path) {
+        QVRecordRef folder = QVFolderCreate(QVStorageCreate("Default", URLValue{"/tmp"}), URLValue{path});
+        QVRecordRef diskinfo = QVRecordForProtocol(DiskInfo);
+        DiskInfoRef{diskinfo}.setCapacity(Value(4096));
+        FolderRef{folder}.setDiskinfo(Value(diskinfo));
+        FolderRef{folder}.setFolderSize(Value(1024));
+        FolderFaceRef ref{QVRecordForProtocol(FolderFace)};
+        ref.setFolder(Value(folder));
+        return ref.record;
+    }
+    bool logged(const std::string& text) const {
+        std::lock_guard lock(logMutex);
+        for (const auto& line : log)
+            if (line.find(text) != std::string::npos) return true;
+        return false;
+    }
+    OperationRef current() const { return FolderFaceRef{face}.currentOp().as<Operation>(); }
+    bool finish(const OperationRef& op) {
+        return test::processEventsUntil([&] { return op->isFinished(); }, 60000);
+    }
+};
+
+} // namespace
+
+TEST_F(FolderTaskTest, FollowersWaitForTheOperationCurrentWhenTheyWereQueued) {
+    Door firstDoor;
+    auto first = scripted(face, [&](auto&, auto&) { return firstDoor.pass() ? std::nullopt : OperationResult(QVError{}); });
+    EXPECT_FALSE(hasCurrentOperation(face));
+    ASSERT_TRUE(addFolderTask(queue, first));
+    EXPECT_EQ(current(), first) << "busy from the moment the first task is queued";
+
+    // Two more queued at once both wait for the first, not in a chain, and then run
+    // side by side: each waits until the other has started.
+    std::mutex mutex;
+    std::condition_variable both;
+    int started = 0;
+    auto meet = [&](auto&, auto&) -> OperationResult {
+        std::unique_lock lock(mutex);
+        ++started;
+        both.notify_all();
+        both.wait_for(lock, std::chrono::seconds(60), [&] { return started == 2; });
+        return std::nullopt;
+    };
+    auto second = scripted(face, meet), third = scripted(face, meet);
+    ASSERT_TRUE(addFolderTask(queue, second));
+    ASSERT_TRUE(addFolderTask(queue, third));
+    EXPECT_EQ(second->dependencies(), std::vector<OperationRef>{first});
+    EXPECT_EQ(third->dependencies(), std::vector<OperationRef>{first});
+    EXPECT_EQ(current(), first);
+
+    ASSERT_TRUE(test::processEventsUntil([&] { return task(first)->ran.load(); }));
+    test::processEventsFor(20);
+    EXPECT_FALSE(task(second)->ran || task(third)->ran);
+    firstDoor.openIt();
+    ASSERT_TRUE(finish(second) && finish(third));
+    EXPECT_EQ(started, 2);
+    EXPECT_EQ(task(first)->currentAtStart.lock(), first);
+    EXPECT_FALSE(hasCurrentOperation(face)) << "the folder is idle again";
+    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull());
+}
+
+TEST_F(FolderTaskTest, AFailedCurrentOperationStopsTheFollowerButAFailedTaskLetsGo) {
+    // Left as current by something that ended in failure without letting go.
+    auto failed = BlockOperation::blockOperationWithBlock([]() -> OperationResult {
+        return QVError{QVAppErrorDomain(), 1001, "disk full"};
+    });
+    queue.addOperations({failed}, true);
+    FolderFaceRef{face}.setCurrentOp(Value(failed));
+
+    auto follower = scripted(face, nullptr);
+    ASSERT_TRUE(addFolderTask(queue, follower));
+    EXPECT_TRUE(follower->dependencies().empty()) << "no dependency on a finished operation";
+    EXPECT_EQ(current(), failed) << "and the current one is left alone";
+    ASSERT_TRUE(finish(follower));
+    EXPECT_FALSE(task(follower)->ran);
+    ASSERT_TRUE(follower->result());
+    EXPECT_EQ(follower->result()->description, "disk full");
+    EXPECT_FALSE(hasCurrentOperation(face));
+
+    // A task clears the folder whatever it ends with, so the next one runs.
+    auto failing = scripted(face, [](auto&, auto&) { return OperationResult(QVError{"test", 1001, "no"}); });
+    auto next = scripted(face, nullptr);
+    addFolderTask(queue, failing);
+    addFolderTask(queue, next);
+    ASSERT_TRUE(finish(next));
+    EXPECT_TRUE(task(next)->ran);
+    EXPECT_EQ(failing->result()->description, "no");
+    EXPECT_FALSE(hasCurrentOperation(face));
+}
+
+TEST_F(FolderTaskTest, StartTakesOverAnIdleFolderAndAlwaysLetsGo) {
+    // Added straight to the queue (a caller that waits): start makes it current.
+    auto direct = scripted(face, nullptr);
+    queue.addOperations({direct}, false);
+    ASSERT_TRUE(finish(direct));
+    EXPECT_EQ(task(direct)->currentAtStart.lock(), direct);
+    EXPECT_FALSE(hasCurrentOperation(face));
+
+    auto throwing = scripted(face, [](auto&, auto&) -> OperationResult { throw std::runtime_error("bug"); });
+    auto abstract = BaseFolderTask::makeOperation(std::make_shared<BaseFolderTask>(), face);
+    EXPECT_EQ(folderFace(abstract), face);
+    addFolderTask(queue, throwing);
+    addFolderTask(queue, abstract);
+    ASSERT_TRUE(finish(throwing) && finish(abstract));
+    EXPECT_EQ(throwing->result()->code, QVErrorRefused);
+    EXPECT_EQ(abstract->result()->code, QVErrorRefused);
+    EXPECT_EQ(abstract->result()->description, "needs to be overwritten");
+    EXPECT_TRUE(logged("abstractmethodexception: needs to be overwritten"));
+    EXPECT_FALSE(hasCurrentOperation(face));
+
+    // Refused by the queue: the face is left as it was.
+    EXPECT_FALSE(addFolderTask(queue, direct));
+    EXPECT_FALSE(hasCurrentOperation(face));
+}
+
+TEST_F(FolderTaskTest, ProgressHelpersBusyAndRestRows) {
+    bool seenBusy = false;
+    auto op = scripted(face, [&](ScriptedTask& self, const QVRecordRef& f) -> OperationResult {
+        self.startIndeterminateProgress(f, "Encrypting...", true);
+        // Waited for: the row is busy by the time the call returns.
+        performBlockOnMainThread([&] {
+            FolderFaceRef ff{f};
+            seenBusy = ff.progressIndeterminate().toBool() && ff.progressAnimate().toBool() &&
+                       ff.cancelable().toBool() && ff.progressPercentage().toDouble() == 0.0 &&
+                       ff.statusText().toString() == "Encrypting..." &&
+                       !FolderList::isErrorStatusColor(ff.statusColor());
+        }, true);
+        FolderFaceRef{f}.setOpCanceled(Value(true));
+        self.endProgress(f);
+        return std::nullopt;
+    });
+    FolderFaceRef{face}.setProgressPercentage(Value(0.7));
+    addFolderTask(queue, op);
+    ASSERT_TRUE(finish(op));
+    test::processEventsFor(10);
+    EXPECT_TRUE(seenBusy);
+    FolderFaceRef ff{face};
+    EXPECT_FALSE(ff.progressIndeterminate().toBool() || ff.progressAnimate().toBool() || ff.cancelable().toBool());
+    EXPECT_TRUE(ff.opCanceled().isNull());
+    EXPECT_EQ(ff.progressPercentage().toDouble(), 0.25);
+    EXPECT_NE(ff.statusText().toString().find(" used"), std::string::npos);
+
+    // endProgress is posted, even from the main thread.
+    ff.setProgressAnimate(Value(true));
+    task(op)->endProgress(face);
+    EXPECT_TRUE(ff.progressAnimate().toBool());
+    test::processEventsFor(10);
+    EXPECT_FALSE(ff.progressAnimate().toBool());
+}
+
+TEST_F(FolderTaskTest, FailReportsAndTheLockChecksAskTheMountTable) {
+    auto base = std::make_shared<BaseFolderTask>();
+    QVError error = base->fail(face, "Folder is busy");
+    EXPECT_EQ(error.code, QVErrorFailed);
+    EXPECT_EQ(error.description, "Folder is busy");
+    test::processEventsFor(20);
+    ASSERT_EQ(alerts->shown.size(), 1u);
+    EXPECT_EQ(alerts->shown[0]->msg(), "Folder is busy");
+    EXPECT_TRUE(alerts->shown[0]->isSticky());
+    EXPECT_EQ(alerts->shown[0]->type(), QVNotificationAlert);
+    EXPECT_TRUE(logged("ERROR (fail:"));
+    EXPECT_TRUE(logged("): failed locked/unlocked check 'Tax Papers': Folder is busy"));
+    EXPECT_NE(FolderFaceRef{face}.statusText().toString().find(" used"), std::string::npos) << "progress ended";
+
+    // A path that doesn't exist is locked; "/" is always a mount point.
+    EXPECT_FALSE(base->failIfUnlocked(face, "unlocked"));
+    EXPECT_EQ(base->failIfLocked(face, "locked")->description, "locked");
+    QVRecordRef mounted = faceAt("/");
+    EXPECT_EQ(base->failIfUnlocked(mounted, "unlocked")->code, QVErrorFailed);
+    EXPECT_FALSE(base->failIfLocked(mounted, "locked"));
+}
+
+TEST_F(FolderTaskTest, CancelIsOnlyAFlagThatTheWorkPolls) {
+    EXPECT_FALSE(cancelCurrentOperation(face)) << "an idle folder's control does its normal job";
+    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull());
+
+    Door pressed;
+    std::atomic<bool> firstPoll{true}, reached{false};
+    auto op = scripted(face, [&](ScriptedTask& self, const QVRecordRef& f) -> OperationResult {
+        self.startIndeterminateProgress(f, "Copying...", true);
+        firstPoll = FolderFaceRef{f}.opCanceled().toBool();
+        reached = true;
+        pressed.pass();
+        const bool cancelled = FolderFaceRef{f}.opCanceled().toBool();
+        self.endProgress(f);
+        if (cancelled) return QVError{QVAppErrorDomain(), QVErrorCancelled, "cancelled"};
+        return std::nullopt;
+    });
+    addFolderTask(queue, op);
+    ASSERT_TRUE(test::processEventsUntil([&] { return reached.load(); }));
+    EXPECT_TRUE(cancelCurrentOperation(face));
+    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().toBool());
+    EXPECT_FALSE(op->isCancelled()) << "nothing is stopped from outside";
+    EXPECT_TRUE(op->isExecuting());
+    pressed.openIt();
+    ASSERT_TRUE(finish(op));
+    test::processEventsFor(10);
+    EXPECT_FALSE(firstPoll.load());
+    EXPECT_EQ(op->result()->code, QVErrorCancelled);
+    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull()) << "cleared for the next run";
+}
+
+TEST_F(FolderTaskTest, AnOperationCancelledOnItsQueueLeavesNoCycle) {
+    // A private queue whose one slot is taken, so the task can be cancelled unrun.
+    OperationQueue narrow;
+    narrow.setMaxConcurrentOperationCount(1);
+    Door door;
+    narrow.addOperationWithBlock([&] { door.pass(); });
+    std::weak_ptr<QVRecord> weakFace = face;
+    std::weak_ptr<Operation> weakOp;
+    {
+        auto op = scripted(face, nullptr);
+        weakOp = op;
+        addFolderTask(narrow, op);
+        op->cancel();
+        door.openIt();
+        narrow.waitUntilAllOperationsAreFinished();
+        EXPECT_FALSE(task(op)->ran);
+        EXPECT_EQ(current(), op) << "start never ran to let go";
+        EXPECT_EQ(folderFace(op), face);
+
+        // The next task finds a finished current operation with no error and runs.
+        auto next = scripted(face, nullptr);
+        addFolderTask(queue, next);
+        EXPECT_TRUE(next->dependencies().empty());
+        ASSERT_TRUE(finish(next));
+        EXPECT_TRUE(task(next)->ran);
+        FolderFaceRef{face}.setCurrentOp(Value(op));
+    }
+    face.reset();
+    EXPECT_TRUE(weakFace.expired());
+    EXPECT_TRUE(weakOp.expired());
+}
