@@ -1,13 +1,73 @@
 #include "ui/logic/FolderList.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <unordered_set>
 
+#include "app/TaskQueue.h"
+#include "app/UserDefaults.h"
+#include "disk/DesktopOpen.h"
+#include "disk/URLHelpers.h"
+#include "tasks/BaseFolderTask.h"
 #include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
+#include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
+#include "vault/FolderState.h"
 #include "vault/Schemas.h"
 
 namespace qv {
+
+namespace {
+
+// The action code of "open an item" among a folder's actions.
+constexpr int64_t kOpenItemAction = 1;
+
+std::string folderPath(const QVRecordRef& face) {
+    FolderRef folder{FolderFaceRef{face}.folder().as<QVRecord>()};
+    return folder ? folder.mountpoint().toURLPath() : std::string();
+}
+
+std::string folderName(const std::string& path) {
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    const size_t slash = p.rfind('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+// Lower case for ASCII letters; other bytes as they are (names are not always UTF-8).
+std::string folded(std::string s) {
+    for (char& c : s)
+        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    return s;
+}
+
+} // namespace
+
+// Hears the faces' `cancelable`: a running task shows the cancel control, a
+// face at rest its information control.
+class FolderList::CancelableObserver : public QVRecordObserver {
+public:
+    void recordWillChangeValueForKey(const QVRecord&, const std::string&) override {}
+    void recordDidChangeValueForKey(const QVRecord& record, const std::string& key) override {
+        if (key != "cancelable") return;
+        FolderList& list = FolderList::singleton();
+        for (const auto& face : list.faces_) {
+            if (face.get() != &record) continue;
+            const bool cancelable = FolderFaceRef{face}.cancelable().toBool();
+            if (QVIsMainThread()) {
+                list.setActionIcon(!cancelable, face);
+            } else {
+                QVRecordRef kept = face;
+                performBlockOnMainThread([kept, cancelable] { FolderList::singleton().setActionIcon(!cancelable, kept); });
+            }
+            return;
+        }
+    }
+};
+
+FolderList::FolderList() : observer_(std::make_shared<CancelableObserver>()) {}
 
 FolderList& FolderList::singleton() {
     static FolderList* list = new FolderList();  // lives as long as the process; never torn down at exit
@@ -51,6 +111,232 @@ void FolderList::displayFolderSizeInfo(const QVRecordRef& face) {
     ff.setProgressPercentage(Value(capacity ? double(size) / double(capacity) : 0.0));
     setStatusText(bytesToHumanReadableString(size) + " of " + bytesToHumanReadableString(capacity) + " used", false,
                   face);
+}
+
+void FolderList::setActionIcon(bool flag, const QVRecordRef& face) {
+    if (!face) return;
+    FolderFaceRef ff{face};
+    if (!flag) {
+        ff.setActionIcon(Value("Cancel"));
+        ff.setActionIconAlt(Value("CancelPressed"));
+    } else if (detailsFace_ == face) {
+        ff.setActionIcon(Value("Back"));
+        ff.setActionIconAlt(Value("BackPressed"));
+    } else {
+        ff.setActionIcon(Value("Info"));
+        ff.setActionIconAlt(Value("InfoPressed"));
+    }
+}
+
+void FolderList::observeFolderFace(const QVRecordRef& face) {
+    if (face) face->addObserver(observer_, "cancelable");
+}
+
+void FolderList::unobserveFolderFace(const QVRecordRef& face) {
+    if (face) face->removeObserver(observer_.get(), "cancelable");
+}
+
+// ---------------------------------------------------------------------- the set on show
+
+void FolderList::loadSubdb(const std::shared_ptr<DBSubdb>& subdb) {
+    if (subdb_) {
+        for (const auto& face : faces_) unobserveFolderFace(face);
+        if (subdb_ != subdb && subdb_->masterdb()) subdb_->masterdb()->returnSubDB(subdb_);
+    }
+    subdb_ = subdb;
+    faces_.clear();
+    selected_.reset();
+    if (subdb_) {
+        for (const auto& folder : subdb_->folders()) faces_.push_back(QVFolderFaceCreate(folder));
+        std::stable_sort(faces_.begin(), faces_.end(), [](const QVRecordRef& a, const QVRecordRef& b) {
+            return FolderRef{FolderFaceRef{a}.folder().as<QVRecord>()}.position().toInt() <
+                   FolderRef{FolderFaceRef{b}.folder().as<QVRecord>()}.position().toInt();
+        });
+    }
+    for (const auto& face : faces_) {
+        setupFolderFace(face);
+        if (folderLoadedHandler_) folderLoadedHandler_(face);
+    }
+}
+
+void FolderList::returnSubDB() {
+    for (const auto& face : faces_) unobserveFolderFace(face);
+    faces_.clear();
+    selected_.reset();
+    if (subdb_ && subdb_->masterdb()) subdb_->masterdb()->returnSubDB(subdb_);
+    subdb_.reset();
+}
+
+void FolderList::setupFolderFace(const QVRecordRef& face) {
+    if (!face) return;
+    FolderFaceRef ff{face};
+    const QVRecordRef folder = ff.folder().as<QVRecord>();
+    const std::string path = folderPath(face);
+    QVError reason;
+    if (!path.empty() && checkResourceIsReachable(path, &reason)) {
+        displayFolderSizeInfo(face);
+        ff.setLocked(Value(!QVFolderIsUnlocked(folder, nullptr)));
+    } else {
+        QV_LOG_WARN(QVFormat("folder mountpoint unreachable '%s': %s", path.c_str(), reason.description.c_str()));
+        setStatusText("Mountpoint missing!", true, face);
+        ff.setLocked(Value(true));
+    }
+    setActionIcon(true, face);
+    observeFolderFace(face);
+}
+
+// ---------------------------------------------------------------------- user operations
+
+bool FolderList::queueTask(const OperationRef& operation, const char* what) {
+    if (!operation) {
+        QV_LOG_ERROR(QVFormat("no %s task to queue", what));
+        return false;
+    }
+    QVError error;
+    if (!addFolderTask(queue_ ? *queue_ : QVAppOperationQueue(), operation, &error)) {
+        QV_LOG_ERROR(QVFormat("couldn't queue the %s task: %s", what, error.description.c_str()));
+        return false;
+    }
+    return true;
+}
+
+bool FolderList::encryptFolder(const QVRecordRef& folder) {
+    if (!folder || !subdb_) return false;
+    FolderRef f{folder};
+    if (!subdb_->addFolder(folder)) {
+        QV_LOG_ERROR(QVFormat("%s: failed to add folder: %s", "encryptFolder", f.mountpoint().toURLPath().c_str()));
+        return false;
+    }
+    QVRecordRef face = QVFolderFaceCreate(folder);
+    selectNothing();
+    observeFolderFace(face);
+    faces_.push_back(face);
+    search_.clear();  // an inserted row clears the filter
+    showsEmptyList_ = false;
+    f.setPosition(Value(int64_t(faces_.size()) - 1));
+    QVRecordSetSubdb(folder, subdb_);
+    return queueTask(makers_.encrypt ? makers_.encrypt(face) : nullptr, "encrypting");
+}
+
+bool FolderList::toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld) {
+    if (!face) return false;
+    FolderFaceRef ff{face};
+    const bool locked = !ff.locked().toBool();  // the switch already flipped it
+    ff.setLocked(Value(locked));
+    if (!locked) return queueTask(makers_.lock ? makers_.lock(face) : nullptr, "locking");
+    const bool open = shouldOpenFolderInFinder(face, shiftHeld);
+    return queueTask(makers_.unlock ? makers_.unlock(face, open) : nullptr, "unlocking");
+}
+
+void FolderList::removeFolderFace(const QVRecordRef& face) {
+    if (!face) return;
+    unobserveFolderFace(face);
+    const std::string path = folderPath(face);
+    auto it = std::find(faces_.begin(), faces_.end(), face);
+    if (it != faces_.end()) faces_.erase(it);
+    if (detailsFace_ == face) detailsFace_.reset();
+    if (selected_ && *selected_ >= arrangedFaces().size()) selected_.reset();
+    checkEmptyFolderList();
+    if (subdb_) {
+        subdb_->removeFolderWithMountpoint(path);
+        subdb_->save(nullptr);
+    }
+}
+
+void FolderList::openFolderFace(const QVRecordRef& face) {
+    const std::string path = folderPath(face);
+    if (path.empty()) return;
+    if (FolderFaceRef{face}.locked().toBool())
+        QVRevealInFileManager({path});
+    else
+        QVOpenURL(path);
+}
+
+bool FolderList::shouldOpenFolderInFinder(const QVRecordRef& face, bool shiftHeld) const {
+    FolderRef folder{FolderFaceRef{face}.folder().as<QVRecord>()};
+    if (ArrayRef actions = folder ? folder.unlockActions().toArray() : nullptr) {
+        for (const auto& action : *actions)
+            if (FolderActionRef{action.as<QVRecord>()}.action().toInt() == kOpenItemAction) return false;
+    }
+    const bool preference = QVUserDefaults::standardUserDefaults().boolForKey("QVOpenFolderAfterUnlock");
+    return preference != shiftHeld;
+}
+
+bool FolderList::folderAction(const QVRecordRef& face) {
+    if (!face || !hasCurrentOperation(face)) return false;
+    FolderFaceRef{face}.setOpCanceled(Value(true));
+    return true;
+}
+
+void FolderList::recordsUpdated(const std::vector<QVRecordRef>& folders) {
+    auto uuidOf = [](const QVRecordRef& face) {
+        return FolderRef{FolderFaceRef{face}.folder().as<QVRecord>()}.uuid().toString();
+    };
+    std::vector<QVRecordRef> updated;
+    for (const auto& folder : folders) updated.push_back(QVFolderFaceCreate(folder));
+    std::unordered_set<std::string> known, current;
+    for (const auto& face : faces_) known.insert(uuidOf(face));
+    for (const auto& face : updated) current.insert(uuidOf(face));
+    for (const auto& face : updated)
+        if (!known.count(uuidOf(face))) queueTask(makers_.encrypt ? makers_.encrypt(face) : nullptr, "encrypting");
+    const std::vector<QVRecordRef> shown = faces_;
+    for (const auto& face : shown)
+        if (!current.count(uuidOf(face))) queueTask(makers_.decrypt ? makers_.decrypt(face) : nullptr, "restoring");
+}
+
+// ---------------------------------------------------------------------- rows
+
+std::vector<QVRecordRef> FolderList::arrangedFaces() const {
+    if (search_.empty()) return faces_;
+    const std::string needle = folded(search_);
+    std::vector<QVRecordRef> rows;
+    for (const auto& face : faces_)
+        if (folded(folderName(folderPath(face))).find(needle) != std::string::npos) rows.push_back(face);
+    return rows;
+}
+
+void FolderList::search(const std::string& text) {
+    search_ = text;
+    selected_.reset();
+}
+
+bool FolderList::acceptDrop(const std::set<size_t>& indexes, size_t row) {
+    if (indexes.empty() || indexes.count(row) || *indexes.rbegin() >= faces_.size()) return true;
+    std::vector<QVRecordRef> moving;
+    for (size_t i : indexes) moving.push_back(faces_[i]);
+    size_t target = row;
+    if (*indexes.begin() < target) target -= std::min(target, indexes.size());
+    for (auto it = indexes.rbegin(); it != indexes.rend(); ++it) faces_.erase(faces_.begin() + long(*it));
+    target = std::min(target, faces_.size());
+    faces_.insert(faces_.begin() + long(target), moving.begin(), moving.end());
+    for (size_t i = 0; i < faces_.size(); ++i)
+        FolderRef{FolderFaceRef{faces_[i]}.folder().as<QVRecord>()}.setPosition(Value(int64_t(i)));
+    if (std::shared_ptr<DBSubdb> subdb = subdb_)
+        performBlockOnMainThread([subdb] { subdb->save(nullptr); }, false);
+    return true;
+}
+
+void FolderList::selectNext() {
+    const size_t rows = arrangedFaces().size();
+    if (rows == 0) return;
+    selected_ = !selected_ ? 0 : std::min(*selected_ + 1, rows - 1);
+}
+
+void FolderList::selectPrevious() {
+    const size_t rows = arrangedFaces().size();
+    if (rows == 0) return;
+    selected_ = !selected_ ? rows - 1 : (*selected_ == 0 ? 0 : std::min(*selected_, rows) - 1);
+}
+
+QVRecordRef FolderList::selectedFolderFace() const {
+    const auto rows = arrangedFaces();
+    return selected_ && *selected_ < rows.size() ? rows[*selected_] : nullptr;
+}
+
+void FolderList::checkEmptyFolderList() {
+    if (!faces_.empty()) return;
+    showsEmptyList_ = true;
+    if (emptyListHandler_) emptyListHandler_();
 }
 
 } // namespace qv
