@@ -191,8 +191,11 @@ TEST(OperationQueue, NoLostWakeUpsWithManyShortOperations) {
 
 TEST(OperationQueue, CancelSkipsWhatHasNotStartedAndOnlyFlagsWhatRuns) {
     OperationQueue queue;
-    Meeting release(1), started(1);
-    auto blocker = op([&] { release.wait(); });
+    Meeting release(1), started(2);  // the blocker and the polling one both run before the cancel
+    auto blocker = op([&] {
+        started.arrive();
+        release.wait();
+    });
     std::atomic<bool> bodyRan{false}, sawCancel{false};
     auto skipped = op([&] { bodyRan = true; });
     skipped->addDependency(blocker);
