@@ -24,8 +24,20 @@ void complain(const std::string& message);
 // master file, refusing one of a newer version. Null after a complaint.
 DBMasterRef openDatabase(int* exitCode);
 
+class PasswordInput;
+// Opens the set the typed password belongs to; null after a complaint, with the
+// exit code (usage, wrong password or failure) in *exitCode.
+DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCode);
+
 int cmdSet(const std::vector<std::string>& args);
 int cmdFolders(const std::vector<std::string>& args);
 int cmdBackup(const std::vector<std::string>& args);
+int cmdEncrypt(const std::vector<std::string>& args);
+int cmdUnlock(const std::vector<std::string>& args);
+int cmdLock(const std::vector<std::string>& args);
+int cmdStatus(const std::vector<std::string>& args);
+
+// Gives the folder list the task classes it queues.
+void installTaskMakers();
 
 } // namespace qv::cli

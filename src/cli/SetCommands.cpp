@@ -60,7 +60,8 @@ int setCreate(const DBMasterRef& master) {
     return ExitOK;
 }
 
-// Opens the set the typed password belongs to; null after a complaint.
+} // namespace
+
 DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCode) {
     Secret pass;
     if (!readExisting(input, pass, "Password: ")) {
@@ -80,6 +81,8 @@ DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCod
     }
     return subdb;
 }
+
+namespace {
 
 int setCheck(const DBMasterRef& master) {
     PasswordInput input;
