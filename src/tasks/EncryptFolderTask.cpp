@@ -1,0 +1,346 @@
+#include "tasks/EncryptFolderTask.h"
+
+#include <QByteArray>
+#include <QFile>
+#include <QString>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/UserDefaults.h"
+#include "disk/DesktopOpen.h"
+#include "disk/DiskMaster.h"
+#include "disk/FileSystemVolumes.h"
+#include "disk/RenameAt.h"
+#include "disk/StorageLocations.h"
+#include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
+#include "ui/logic/FolderList.h"
+#include "ui/logic/QVNotificationCenter.h"
+#include "vault/DBSubdb.h"
+#include "vault/QVCrypto.h"
+#include "vault/Schemas.h"
+
+namespace qv {
+
+namespace {
+
+constexpr const char* kDestinationKey = "QVDiskImageDestinationPath";
+constexpr const char* kUnknownErrorText = "Unknown error. This shouldn't ever happen, please let us know about it!";
+constexpr const char* kTrashedText =
+    "The original folder has been placed in the Trash.\n\nYou can securely delete it by selecting \"Secure Empty "
+    "Trash...\" from the Finder menu.";
+
+std::string trimmed(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string lastComponent(const std::string& path) {
+    const std::string p = trimmed(path);
+    const size_t slash = p.rfind('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+std::string parentOf(const std::string& path) {
+    const std::string p = trimmed(path);
+    const size_t slash = p.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : p.substr(0, slash);
+}
+
+QVError appError(long code, const std::string& text) { return QVError{QVAppErrorDomain(), code, text}; }
+
+// Flushes a directory's entries, so that a rename into it outlives a crash.
+void syncDirectory(const std::string& dir) {
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    if (::fsync(fd) != 0) QV_LOG_WARN(QVFormat("couldn't sync '%s': %s", dir.c_str(), std::strerror(errno)));
+    ::close(fd);
+}
+
+// What the Trash step reports back to the waiting worker.
+struct TrashOutcome {
+    std::atomic<bool> done{false};
+    std::mutex mutex;
+    bool trashed = false;
+    long code = 0;
+    std::string description;
+};
+
+// Moves the item to the desktop Trash. Runs on the main thread; sets `done`
+// whatever happens. Qt takes paths as text: a name that does not come back to
+// the same bytes would make it trash another item, so such a name is refused.
+void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutcome>& outcome) {
+    bool trashed = false;
+    long code = 0;
+    std::string description;
+    const QByteArray bytes(path.data(), qsizetype(path.size()));
+    const QString name = QFile::decodeName(bytes);
+    if (QFile::encodeName(name) != bytes) {
+        code = EILSEQ;
+        description = "The folder's path can't be handed to the Trash as it is not valid text.";
+    } else {
+        QFile file(name);
+        trashed = file.moveToTrash();
+        if (!trashed) {
+            code = long(file.error());
+            description = file.errorString().toStdString();
+            if (description.empty()) description = kUnknownErrorText;
+        }
+    }
+    {
+        std::lock_guard lock(outcome->mutex);
+        outcome->trashed = trashed;
+        outcome->code = code;
+        outcome->description = description;
+    }
+    outcome->done.store(true);
+}
+
+// Makes and wraps the folder's own image password: 30 to 40 characters of
+// printable ASCII, encrypted under the Folder Set's password. The plain form
+// never outlives this call.
+std::optional<Bytes> newWrappedImagePassword(const DBSubdbRef& subdb) {
+    const uint32_t length =
+        QVCrypto::randomIntegerBetween(EncryptFolderTask::kPasswordMinLength, EncryptFolderTask::kPasswordMaxLength);
+    std::string password = QVCrypto::randomPasswordOfLength(length);
+    Bytes plain(password.begin(), password.end());
+    QVWipe(password);
+    std::optional<Bytes> wrapped;
+    subdb->withPassword([&](std::string& setPassword) { wrapped = QVCrypto::encryptWithString(plain, setPassword); });
+    QVWipe(plain);
+    return wrapped;
+}
+
+} // namespace
+
+void EncryptFolderTask::removeTempFolder(const std::string& path) {
+    if (path.empty()) return;
+    std::error_code ec;
+    std::filesystem::directory_iterator it(path, ec);
+    if (ec || it != std::filesystem::directory_iterator()) return;
+    // rmdir itself refuses a directory that has gained an entry since.
+    if (::rmdir(path.c_str()) != 0 && errno != ENOENT && errno != ENOTEMPTY && errno != EEXIST)
+        QV_LOG_WARN(QVFormat("couldn't remove '%s': %s", path.c_str(), std::strerror(errno)));
+}
+
+std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderFace) {
+    const QVRecordRef folder = FolderFaceRef{folderFace}.folder().as<QVRecord>();
+    const std::string url = trimmed(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string name = lastComponent(url);
+
+    const Value setting = QVUserDefaults::standardUserDefaults().objectForKey(kDestinationKey);
+    std::string destination = setting.isURL() ? setting.toURLPath() : setting.isString() ? setting.toString() : "";
+    if (destination.rfind("file://", 0) == 0) destination = destination.substr(7);
+    destination = trimmed(destination);
+    if (!destination.empty()) {
+        struct stat st;
+        const bool exists = ::stat(destination.c_str(), &st) == 0;
+        const bool isDir = exists && S_ISDIR(st.st_mode);
+        if (isDir && exists) return (destination == "/" ? "" : destination) + "/" + name;
+        QV_LOG_FAILED("!isDir || !exists");
+    }
+    const std::string grandparent = parentOf(parentOf(url));
+    return (grandparent == "/" ? "" : grandparent) + "/" + name;
+}
+
+OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
+    FolderFaceRef face{folderFace};
+    const QVRecordRef folder = face.folder().as<QVRecord>();
+    FolderRef f{folder};
+    DBSubdbRef subdb = QVRecordGetSubdb(folder);
+    if (!subdb) subdb = face.subdb().as<DBSubdb>();
+    // Kept as text: the Trash step takes the folder away from this path.
+    const std::string mountpointPath = trimmed(f.mountpoint().toURLPath());
+    const std::string name = lastComponent(mountpointPath);
+    // A folder's custom icon lives inside it here (".directory" and its image),
+    // so it travels into the image with the contents and shows whenever the
+    // folder is unlocked. The empty folder left behind can't wear it: a mount
+    // point must stay empty.
+    const QVRecordRef storage = f.storage().as<QVRecord>();
+    const std::string tempDir = QVStorageTempURL(storage);
+
+    std::optional<QVError> error;
+    QVRecordRef diskInfo;
+
+    // 1. The record stands on disk, not yet encrypted, before anything is made.
+    bool saved = false;
+    QVError saveError;
+    if (folder && subdb && !mountpointPath.empty()) {
+        performBlockOnMainThread(
+            [&] {
+                f.setEncrypted(Value(false));
+                face.setProgressIndeterminate(Value(true));
+                face.setProgressPercentage(Value(0.0));
+                face.setProgressAnimate(Value(true));
+                face.setCancelable(Value(true));
+                FolderList::singleton().setStatusText("Encrypting...", false, folderFace);
+                saved = subdb->save(&saveError);
+            },
+            true);
+    } else {
+        QV_LOG_FAILED("!folder || !subdb || !mountpoint");
+        saveError = appError(QVErrorRefused, "Internal error: the folder has no record, Folder Set or path.");
+    }
+
+    if (!saved) {
+        // 2.
+        QV_LOG_ERROR(QVFormat("can't encrypt %s because db failed initial save.", mountpointPath.c_str()));
+        if (subdb)
+            performBlockOnMainThread([subdb, mountpointPath] { subdb->removeFolderWithMountpoint(mountpointPath); });
+        error = saveError.empty() ? appError(QVErrorUnknown, kUnknownErrorText) : saveError;
+    } else {
+        // 3. The image, made from the folder's contents; the copy polls opCanceled.
+        if (std::optional<Bytes> wrapped = newWrappedImagePassword(subdb)) {
+            f.setPassword(Value(*wrapped));
+            diskInfo = QVDiskInfoTempForFolder(folder);
+            if (!diskInfo) error = appError(QVErrorFailed, "Couldn't create a temporary directory for the disk image.");
+        } else {
+            error = appError(QVErrorPasswordWrap, "Couldn't encrypt the disk image's password.");
+        }
+        if (!error) {
+            f.setDiskinfo(Value(diskInfo));
+            QVError createError;
+            const bool created =
+                DiskMaster::createDiskForFolderFace(folderFace, 0, DiskCreateUpdateUI, nullptr, &createError);
+            // 4.
+            if (!created) {
+                if (createError.empty()) {
+                    QV_LOG_ERROR("error wasn't set!");
+                    createError = appError(QVErrorUnknown, kUnknownErrorText);
+                } else if (createError.code != QVErrorCancelled) {
+                    QV_LOG_ERROR(QVFormat("Error creating disk image for '%s': %s", mountpointPath.c_str(),
+                                          createError.description.c_str()));
+                }
+                error = createError;
+            }
+        }
+        if (error && error->code != QVErrorCancelled && diskInfo == nullptr)
+            QV_LOG_ERROR(QVFormat("Error creating disk image for '%s': %s", mountpointPath.c_str(),
+                                  error->description.c_str()));
+    }
+
+    // 5. Past this point a cancel is no longer offered.
+    performBlockOnMainThread([&] { face.setCancelable(Value(false)); }, true);
+
+    // 6. The image to its final place, durably, before the source goes.
+    if (!error) {
+        DiskInfoRef info{diskInfo};
+        const std::string from = info.url().toURLPath();
+        const std::string storageDir = trimmed(StorageRef{storage}.url().toURLPath());
+        const std::string to = storageDir + "/" + lastComponent(from);
+        const int err = QVRenameNoReplaceAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str());
+        if (err == 0) {
+            syncDirectory(storageDir);
+            info.setUrl(Value::url(to));
+        } else {
+            const std::string why = std::strerror(err);
+            QV_LOG_ERROR(QVFormat("failed to move '%s' => '%s': %s", from.c_str(), to.c_str(), why.c_str()));
+            error = appError(err, QVFormat("Failed to move disk image because: %s", why.c_str()));
+        }
+    }
+
+    // 7. The source to the Trash: on the main thread, while this thread waits.
+    if (!error) {
+        auto outcome = std::make_shared<TrashOutcome>();
+        performBlockOnMainThread([mountpointPath, outcome] { trashOnMainThread(mountpointPath, outcome); });
+        while (!outcome->done.load()) ::usleep(2000);
+        std::lock_guard lock(outcome->mutex);
+        if (!outcome->trashed) {
+            QV_LOG_ERROR(
+                QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome->description.c_str()));
+            error = appError(outcome->code,
+                             QVFormat("Failed to trash '%s':\n\n%s", name.c_str(), outcome->description.c_str()));
+        }
+    }
+
+    // 8.
+    if (!mountpointPath.empty()) f.setMountpoint(Value::url(mountpointPath));
+
+    // 9. The empty folder that the image will be mounted on.
+    if (!error) {
+        QVNotificationCenter::defaultCenter().postAlert(kTrashedText, true);
+        if (::mkdir(mountpointPath.c_str(), 0777) != 0) {
+            const std::string why = std::strerror(errno);
+            QV_LOG_ERROR(QVFormat("failed to re-create folder! '%s': %s", mountpointPath.c_str(), why.c_str()));
+            const std::string parent = parentOf(mountpointPath);
+            performBlockOnMainThread([why, mountpointPath, parent] {
+                QV_LOG_WARN(why);
+                QVNotificationCenter::defaultCenter().postCritical(
+                    "Couldn't create folder!\n\n" +
+                        QVFormat("%s\n\nPlease create an empty folder at this location yourself:\n\n%s", why.c_str(),
+                                 mountpointPath.c_str()),
+                    true);
+                QVError revealError;
+                if (!QVRevealInFileManager({parent}, &revealError))
+                    QV_LOG_WARN(QVFormat("couldn't show '%s': %s", parent.c_str(), revealError.description.c_str()));
+            });
+            // The image is complete and the user knows what to do: a success.
+        }
+    }
+
+    // 10.
+    performBlockOnMainThread([face] { face.setOpCanceled(Value()); });
+
+    if (error) {
+        // 11. Undo: the new image goes, the record leaves the set, the source stays.
+        if (error->code != QVErrorCancelled) {
+            const std::string description = error->description;
+            QV_LOG_WARN(description);
+            afterDelay(0.2, [description] {
+                QVNotificationCenter::defaultCenter().postCritical("Error creating disk image\n\n" + description, true);
+            });
+        }
+        if (diskInfo) {
+            const std::string image = DiskInfoRef{diskInfo}.url().toURLPath();
+            std::error_code ec;
+            if (!image.empty()) std::filesystem::remove_all(image, ec);
+        }
+        performBlockOnMainThread(
+            [&] {
+                FolderList& list = FolderList::singleton();
+                list.removeFolderFace(folderFace);
+                // A set that is not the one on show keeps its own copy of the record.
+                if (subdb && list.subdb() != subdb && subdb->removeFolderWithMountpoint(mountpointPath)) {
+                    QVError removeError;
+                    if (!subdb->save(&removeError))
+                        QV_LOG_ERROR(QVFormat("couldn't save the set without '%s': %s", mountpointPath.c_str(),
+                                              removeError.description.c_str()));
+                }
+            },
+            true);
+    } else {
+        // 12. Done: file managers hear of the new folder, the record is saved encrypted.
+        notePathChanged(mountpointPath);
+        f.setMountpoint(Value::url(mountpointPath));
+        notePathChanged(parentOf(mountpointPath));
+        QVNotificationCenter::defaultCenter().postInfo(QVFormat("Encrypted '%s'.", name.c_str()), false);
+        performBlockOnMainThread(
+            [&] {
+                f.setEncrypted(Value(true));
+                QVError finalError;
+                if (!subdb->save(&finalError)) {
+                    QV_LOG_ERROR(QVFormat("couldn't save '%s' as encrypted: %s", mountpointPath.c_str(),
+                                          finalError.description.c_str()));
+                    QVNotificationCenter::defaultCenter().postAlert(
+                        QVFormat("'%s' was encrypted, but the list of folders couldn't be saved:\n\n%s", name.c_str(),
+                                 finalError.description.c_str()),
+                        true);
+                }
+                FolderList::singleton().displayFolderSizeInfo(folderFace);
+            },
+            true);
+    }
+
+    // 13.
+    removeTempFolder(tempDir);
+    return error;
+}
+
+} // namespace qv
