@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QStandardPaths>
 #include <QString>
 #include <atomic>
 #include <cerrno>
@@ -71,7 +72,50 @@ struct TrashOutcome {
     bool trashed = false;
     long code = 0;
     std::string description;
+    std::string strayPath;  // where the folder went when it was not a Trash
 };
+
+// The home Trash, made when missing. Qt falls back to it when a volume has no
+// Trash of its own, and when it can't make it either, Qt moves the item into
+// the working directory instead: so it must stand as a directory before Qt is
+// asked. "" with *why when it can't.
+std::string ensureHomeTrash(int* code, std::string* why) {
+    const QString dataHome = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (dataHome.isEmpty()) {
+        *code = ENOENT;
+        *why = "There is no data directory to keep the Trash in.";
+        return "";
+    }
+    const std::string trash = QFile::encodeName(dataHome).toStdString() + "/Trash";
+    std::error_code ec;
+    std::filesystem::create_directories(QFile::encodeName(dataHome).toStdString(), ec);
+    for (const std::string& dir : {trash, trash + "/files", trash + "/info"}) {
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            *code = errno;
+            *why = QVFormat("Couldn't make the Trash at '%s': %s", dir.c_str(), std::strerror(errno));
+            return "";
+        }
+        struct stat st;
+        if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            *code = ENOTDIR;
+            *why = QVFormat("The Trash at '%s' is not a folder.", dir.c_str());
+            return "";
+        }
+    }
+    return trash;
+}
+
+// Whether `path` lies in the files of a freedesktop Trash: the home Trash, or
+// "<volume>/.Trash/<uid>" or "<volume>/.Trash-<uid>".
+bool isInATrash(const std::string& path, const std::string& homeTrash) {
+    if (path.empty() || path.front() != '/') return false;
+    const std::string dir = parentOf(path);
+    if (lastComponent(dir) != "files") return false;
+    const std::string trash = parentOf(dir);
+    const std::string uid = std::to_string(::getuid());
+    return trash == homeTrash || lastComponent(trash) == ".Trash-" + uid ||
+           (lastComponent(trash) == uid && lastComponent(parentOf(trash)) == ".Trash");
+}
 
 // Moves the item to the desktop Trash. Runs on the main thread; sets `done`
 // whatever happens. Qt takes paths as text: a name that does not come back to
@@ -80,9 +124,14 @@ void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutco
     bool trashed = false;
     long code = 0;
     std::string description;
+    std::string stray;
     const QByteArray bytes(path.data(), qsizetype(path.size()));
     const QString name = QFile::decodeName(bytes);
-    if (QFile::encodeName(name) != bytes) {
+    int trashCode = 0;
+    const std::string homeTrash = ensureHomeTrash(&trashCode, &description);
+    if (homeTrash.empty()) {
+        code = trashCode;
+    } else if (QFile::encodeName(name) != bytes) {
         code = EILSEQ;
         description = "The folder's path can't be handed to the Trash as it is not valid text.";
     } else {
@@ -92,6 +141,19 @@ void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutco
             code = long(file.error());
             description = file.errorString().toStdString();
             if (description.empty()) description = kUnknownErrorText;
+        } else if (const std::string where = QFile::encodeName(file.fileName()).toStdString();
+                   !isInATrash(where, homeTrash)) {
+            // Somewhere that is no Trash: put it back and call it a failure.
+            QV_LOG_ERROR(QVFormat("the Trash put '%s' at '%s'", path.c_str(), where.c_str()));
+            if (QVRenameNoReplaceAt(AT_FDCWD, where.c_str(), AT_FDCWD, path.c_str()) == 0) {
+                trashed = false;
+                code = QVErrorFailed;
+                description = "The Trash could not be found.";
+            } else {
+                // The folder stays where it went; the complete image is kept and
+                // the user is told where to find the original.
+                stray = where;
+            }
         }
     }
     {
@@ -99,6 +161,7 @@ void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutco
         outcome->trashed = trashed;
         outcome->code = code;
         outcome->description = description;
+        outcome->strayPath = stray;
     }
     outcome->done.store(true);
 }
@@ -247,6 +310,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     }
 
     // 7. The source to the Trash: on the main thread, while this thread waits.
+    bool strayed = false;
     if (!error) {
         auto outcome = std::make_shared<TrashOutcome>();
         performBlockOnMainThread([mountpointPath, outcome] { trashOnMainThread(mountpointPath, outcome); });
@@ -257,6 +321,12 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
                 QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome->description.c_str()));
             error = appError(outcome->code,
                              QVFormat("Failed to trash '%s':\n\n%s", name.c_str(), outcome->description.c_str()));
+        } else if (!outcome->strayPath.empty()) {
+            strayed = true;
+            QVNotificationCenter::defaultCenter().postAlert(
+                QVFormat("The original folder '%s' could not be placed in the Trash and is now at:\n\n%s",
+                         name.c_str(), outcome->strayPath.c_str()),
+                true);
         }
     }
 
@@ -265,7 +335,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
 
     // 9. The empty folder that the image will be mounted on.
     if (!error) {
-        QVNotificationCenter::defaultCenter().postAlert(kTrashedText, true);
+        if (!strayed) QVNotificationCenter::defaultCenter().postAlert(kTrashedText, true);
         if (::mkdir(mountpointPath.c_str(), 0777) != 0) {
             const std::string why = std::strerror(errno);
             QV_LOG_ERROR(QVFormat("failed to re-create folder! '%s': %s", mountpointPath.c_str(), why.c_str()));
