@@ -56,7 +56,11 @@ bool checkMountPoint(const std::string& given, std::string* canonical, QVError* 
 }
 
 bool mountWithFuse2fs(Attachment* a, bool nobrowse, QVError* error) {
-    const std::vector<std::string> args{a->devEntry, a->mountPoint, "-o", "fsname=" + a->devEntry + ",subtype=ext4"};
+    // Writes of up to 128 KiB (the most this fuse2fs can take) instead of one page
+    // at a time, and file pages kept cached across opens: only fuse2fs changes
+    // the file system, so the kernel's copies stay true.
+    const std::vector<std::string> args{a->devEntry, a->mountPoint, "-o",
+                                        "fsname=" + a->devEntry + ",subtype=ext4," + kFuse2fsSpeedOptions};
     // fuse2fs mounts, then leaves a daemon behind and returns; it may return 0
     // without mounting, so the mount table has the last word.
     ProgramResult r = runProgram(kFuse2fs, args);

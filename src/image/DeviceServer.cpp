@@ -95,6 +95,13 @@ void opInit(void* userdata, fuse_conn_info* conn) {
     // Plain reads and writes: the splice paths gain nothing for data that is
     // encrypted in our own buffers anyway.
     conn->want &= ~(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+    // The file systems on the disk read and write it in blocks of 4 KiB; a round
+    // trip to this process for each would cost more than the cipher. With the
+    // kernel's write-back cache their small writes land in the page cache and
+    // reach us gathered into large requests, and read-ahead gathers the reads.
+    // fsync of the disk still waits for every dirty page and then for the bands.
+    if (conn->capable & FUSE_CAP_WRITEBACK_CACHE) conn->want |= FUSE_CAP_WRITEBACK_CACHE;
+    if (conn->capable & FUSE_CAP_ASYNC_READ) conn->want |= FUSE_CAP_ASYNC_READ;
 }
 
 void opDestroy(void* userdata) {
@@ -158,11 +165,11 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
         }
         ++s.openCount;
     }
-    // No page cache for the disk: whoever opens it (fuse2fs, the loop driver,
-    // e2fsprogs) caches what it needs, and every byte goes straight to the bands.
-    fi->direct_io = 1;
-    fi->keep_cache = 0;
-    fi->noflush = 1;
+    // The disk goes through the page cache (see opInit). Nobody but this process
+    // changes the bands while it serves them, so what is cached stays true
+    // from one open to the next.
+    fi->direct_io = 0;
+    fi->keep_cache = 1;
     if (fuse_reply_open(req, fi) != 0) {
         std::lock_guard<std::mutex> g(s.mutex);
         --s.openCount;
