@@ -146,6 +146,9 @@ void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutco
             // Somewhere that is no Trash: put it back and call it a failure.
             QV_LOG_ERROR(QVFormat("the Trash put '%s' at '%s'", path.c_str(), where.c_str()));
             if (QVRenameNoReplaceAt(AT_FDCWD, where.c_str(), AT_FDCWD, path.c_str()) == 0) {
+                // Its note of where it came from goes with it.
+                const std::string info = parentOf(parentOf(where)) + "/info/" + lastComponent(where) + ".trashinfo";
+                ::unlink(info.c_str());
                 trashed = false;
                 code = QVErrorFailed;
                 description = "The Trash could not be found.";
