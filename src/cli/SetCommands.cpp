@@ -46,7 +46,7 @@ int setCreate(const DBMasterRef& master) {
     PasswordInput input;
     Secret pass;
     if (!readNew(input, pass)) return ExitRefused;
-    if (master->hasSubDbWithPassword(pass.value)) {
+    if (master->subDBCount() > 0 && master->hasSubDbWithPassword(pass.value)) {
         complain("a Folder Set with this password exists already");
         return ExitRefused;
     }
@@ -66,6 +66,11 @@ DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCod
     Secret pass;
     if (!readExisting(input, pass, "Password: ")) {
         *exitCode = ExitUsage;
+        return nullptr;
+    }
+    if (master->subDBCount() == 0) {
+        complain("there is no Folder Set yet (make one with: qv set create)");
+        *exitCode = ExitWrongPassword;
         return nullptr;
     }
     QVError error;

@@ -22,6 +22,13 @@ const char* kUsage =
     "  qv folders         list the folders of the set a password opens\n"
     "  qv backup          copy the master file into the Backups folder\n"
     "\n"
+    "Folders (of the set the password opens):\n"
+    "  qv encrypt <folder>...         protect folders: their contents move into images\n"
+    "  qv unlock <folder>... [--open] mount each folder's image on its path\n"
+    "  qv lock <folder>...            take each folder's image away again\n"
+    "  qv status                      every folder: state, size, whether a task runs\n"
+    "  Ctrl-C cancels a running task; the folder is left as it was.\n"
+    "\n"
     "  --verbose          also print the log on standard error\n"
     "  --help             this text\n"
     "\n"
@@ -53,6 +60,11 @@ int main(int argc, char** argv) {
     if (command == "set") return qv::cli::cmdSet(args);
     if (command == "folders") return qv::cli::cmdFolders(args);
     if (command == "backup") return qv::cli::cmdBackup(args);
+    qv::cli::installTaskMakers();
+    if (command == "encrypt") return qv::cli::cmdEncrypt(args);
+    if (command == "unlock") return qv::cli::cmdUnlock(args);
+    if (command == "lock") return qv::cli::cmdLock(args);
+    if (command == "status") return qv::cli::cmdStatus(args);
     if (command == "help") {
         std::fputs(kUsage, stdout);
         return qv::cli::ExitOK;

@@ -1,5 +1,7 @@
 #include "disk/Locations.h"
 
+#include <filesystem>
+
 #include <QStandardPaths>
 #include <QString>
 #include <cstdlib>
@@ -67,8 +69,16 @@ std::string appSupURL() {
 
 std::string ourAppSupURL() {
     return cached(&Cache::ourAppSup, [] {
-        std::string dir = appSupURL() + "/" + QVBundleIdentifier;
-        ::mkdir(dir.c_str(), 0700);  // without intermediates; a failure shows later, where the file is used
+        // A new account may have no ~/.local/share yet; made private, as the XDG
+        // rules ask of data directories that a program creates.
+        const std::string base = appSupURL();
+        if (::access(base.c_str(), F_OK) != 0) {
+            std::error_code ec;
+            std::filesystem::create_directories(base, ec);
+            if (!ec) ::chmod(base.c_str(), 0700);
+        }
+        std::string dir = base + "/" + QVBundleIdentifier;
+        ::mkdir(dir.c_str(), 0700);  // a failure shows later, where the file is used
         return dir;
     });
 }

@@ -1,0 +1,184 @@
+// qv encrypt | unlock | lock | status: the everyday cycle of a folder, run as
+// the same tasks on the same queue as in the desktop application.
+#include <QCoreApplication>
+#include <cstdio>
+#include <filesystem>
+
+#include "app/FolderTaskMark.h"
+#include "app/UserDefaults.h"
+#include "cli/Cli.h"
+#include "cli/FolderSession.h"
+#include "disk/StorageLocations.h"
+#include "disk/URLHelpers.h"
+#include "ui/logic/FolderIntake.h"
+#include "ui/logic/FolderList.h"
+#include "vault/DBSubdb.h"
+#include "vault/FolderState.h"
+#include "vault/Schemas.h"
+
+namespace qv::cli {
+
+namespace {
+
+// The event loop that the tasks' waits for the main thread are answered on.
+QCoreApplication& application() {
+    static int argc = 1;
+    static char name[] = "qv";
+    static char* argv[] = {name, nullptr};
+    static QCoreApplication* app = QCoreApplication::instance() ? nullptr : new QCoreApplication(argc, argv);
+    return app ? *app : *QCoreApplication::instance();
+}
+
+std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
+bool isEncrypted(const QVRecordRef& face) {
+    return FolderRef{FolderFaceRef{face}.folder().as<QVRecord>()}.encrypted().toBool();
+}
+
+QVRecordRef folderOf(const QVRecordRef& face) { return FolderFaceRef{face}.folder().as<QVRecord>(); }
+
+// Where the images of newly encrypted folders go: the chosen location when it
+// can be reached, else the default storage.
+QVRecordRef storageForNewFolder() {
+    const std::string chosen = QVUserDefaults::standardUserDefaults().stringForKey("QVDiskImageDestinationPath");
+    if (!chosen.empty()) {
+        QVError reason;
+        if (!checkResourceIsReachable(chosen, &reason)) return nullptr;
+        return QVStorageCreate(nameOf(volume(chosen)), URLValue{chosen});
+    }
+    return QVStorageDefault();
+}
+
+int usage(const char* text) {
+    complain(std::string("usage: ") + text);
+    return ExitUsage;
+}
+
+} // namespace
+
+int cmdEncrypt(const std::vector<std::string>& args) {
+    if (args.empty()) return usage("qv encrypt <folder>...");
+    application();
+    FolderSession session;
+    if (int code = session.open(); code != ExitOK) return code;
+    FolderList& list = FolderList::singleton();
+    int result = ExitOK;
+    std::vector<std::string> queued;
+    for (const auto& arg : args) {
+        const std::string path = FolderSession::absolutePath(arg);
+        QVError error;
+        if (!isGoodFolderAtURL(path, &error)) {
+            if (!error.empty()) complain("'" + path + "': " + error.description);
+            result = ExitRefused;
+            continue;
+        }
+        QVRecordRef storage = storageForNewFolder();
+        if (!storage) {
+            complain("Default disk image location is not reachable. If you've set your default disk image folder to an "
+                     "external drive, please plug it in before encrypting any folders.");
+            return ExitFailure;
+        }
+        QVRecordRef folder = QVFolderCreate(storage, URLValue{path});
+        if (!session.claim(folder)) {
+            result = ExitRefused;
+            continue;
+        }
+        if (!list.encryptFolder(folder)) {
+            complain("couldn't start encrypting '" + path + "'");
+            result = ExitFailure;
+            continue;
+        }
+        queued.push_back(path);
+    }
+    const bool finished = session.waitForTasks();
+    for (const auto& path : queued) {
+        QVRecordRef face = session.faceForPath(path);
+        if (!face || !isEncrypted(face)) {
+            if (finished) complain("'" + path + "' was not encrypted");
+            result = result == ExitOK ? ExitFailure : result;
+        } else {
+            std::printf("encrypted\t%s\n", path.c_str());
+        }
+    }
+    return result;
+}
+
+// Unlocks or locks the named folders; each must be in the set and not worked on
+// by another process.
+int lockOrUnlock(const std::vector<std::string>& args, bool unlock) {
+    std::vector<std::string> paths;
+    bool open = false;
+    for (const auto& arg : args) {
+        if (unlock && arg == "--open")
+            open = true;
+        else
+            paths.push_back(arg);
+    }
+    if (paths.empty()) return usage(unlock ? "qv unlock <folder>... [--open]" : "qv lock <folder>...");
+    application();
+    FolderSession session;
+    if (int code = session.open(); code != ExitOK) return code;
+    FolderList& list = FolderList::singleton();
+    int result = ExitOK;
+    std::vector<QVRecordRef> queued;
+    for (const auto& arg : paths) {
+        QVRecordRef face = session.faceForPath(arg);
+        if (!face) {
+            complain("'" + FolderSession::absolutePath(arg) + "' is not a folder of this Folder Set");
+            result = ExitRefused;
+            continue;
+        }
+        const bool unlocked = QVFolderIsUnlocked(folderOf(face), nullptr);
+        if (unlocked == unlock) {
+            std::printf("%s\t%s\n", unlocked ? "unlocked" : "locked", FolderSession::absolutePath(arg).c_str());
+            continue;
+        }
+        if (!session.claim(folderOf(face))) {
+            result = ExitRefused;
+            continue;
+        }
+        // The row's switch: it flips `locked` before the list sees it.
+        FolderFaceRef{face}.setLocked(Value(unlock ? false : true));
+        bool shift = false;
+        if (unlock && list.shouldOpenFolderInFinder(face, false) != open) shift = true;
+        if (!list.toggleFolderLockOfFolderFace(face, shift)) {
+            complain("couldn't start " + std::string(unlock ? "unlocking" : "locking") + " '" + arg + "'");
+            result = ExitFailure;
+            continue;
+        }
+        queued.push_back(face);
+    }
+    session.waitForTasks();
+    for (const auto& face : queued) {
+        const std::string path = FolderRef{folderOf(face)}.mountpoint().toURLPath();
+        const bool unlocked = QVFolderIsUnlocked(folderOf(face), nullptr);
+        std::printf("%s\t%s\n", unlocked ? "unlocked" : "locked", path.c_str());
+        if (unlocked != unlock && result == ExitOK) result = ExitFailure;
+    }
+    return result;
+}
+
+int cmdUnlock(const std::vector<std::string>& args) { return lockOrUnlock(args, true); }
+int cmdLock(const std::vector<std::string>& args) { return lockOrUnlock(args, false); }
+
+int cmdStatus(const std::vector<std::string>& args) {
+    if (!args.empty()) return usage("qv status");
+    application();
+    FolderSession session;
+    if (int code = session.open(); code != ExitOK) return code;
+    for (const auto& face : FolderList::singleton().faces()) {
+        FolderFaceRef ff{face};
+        FolderRef folder{folderOf(face)};
+        const std::string status = ff.statusText().toString();
+        const char* state = FolderList::isErrorStatusColor(ff.statusColor()) ? "missing"
+                            : ff.locked().toBool()                          ? "locked"
+                                                                             : "unlocked";
+        const char* task = FolderTaskMark::isHeld(folder.uuid().toString()) ? "busy"
+                           : !folder.encrypted().toBool()                    ? "unfinished"
+                                                                             : "-";
+        std::printf("%s\t%s\t%s\t%s\n", state, status.c_str(), task, folder.mountpoint().toURLPath().c_str());
+    }
+    return ExitOK;
+}
+
+} // namespace qv::cli
