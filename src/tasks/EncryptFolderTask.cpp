@@ -235,7 +235,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     std::optional<QVError> error;
     QVRecordRef diskInfo;
 
-    // 1. The record stands on disk, not yet encrypted, before anything is made.
+    // The record stands on disk, not yet encrypted, before anything is made.
     bool saved = false;
     QVError saveError;
     if (folder && subdb && !mountpointPath.empty()) {
@@ -256,13 +256,13 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     }
 
     if (!saved) {
-        // 2.
+        // Nothing was made: the record leaves the set again.
         QV_LOG_ERROR(QVFormat("can't encrypt %s because db failed initial save.", mountpointPath.c_str()));
         if (subdb)
             performBlockOnMainThread([subdb, mountpointPath] { subdb->removeFolderWithMountpoint(mountpointPath); });
         error = saveError.empty() ? appError(QVErrorUnknown, kUnknownErrorText) : saveError;
     } else {
-        // 3. The image, made from the folder's contents; the copy polls opCanceled.
+        // The image, made from the folder's contents; the copy polls opCanceled.
         if (std::optional<Bytes> wrapped = newWrappedImagePassword(subdb)) {
             f.setPassword(Value(*wrapped));
             diskInfo = QVDiskInfoTempForFolder(folder);
@@ -275,7 +275,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
             QVError createError;
             const bool created =
                 DiskMaster::createDiskForFolderFace(folderFace, 0, DiskCreateUpdateUI, nullptr, &createError);
-            // 4.
+            // A cancel is the user's own doing and is neither logged nor shown.
             if (!created) {
                 if (createError.empty()) {
                     QV_LOG_ERROR("error wasn't set!");
@@ -292,10 +292,10 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
                                   error->description.c_str()));
     }
 
-    // 5. Past this point a cancel is no longer offered.
+    // Past this point a cancel is no longer offered.
     performBlockOnMainThread([&] { face.setCancelable(Value(false)); }, true);
 
-    // 6. The image to its final place, durably, before the source goes.
+    // The image to its final place, durably, before the source goes.
     if (!error) {
         DiskInfoRef info{diskInfo};
         const std::string from = info.url().toURLPath();
@@ -312,7 +312,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         }
     }
 
-    // 7. The source to the Trash: on the main thread, while this thread waits.
+    // The source to the Trash: on the main thread, while this thread waits.
     bool strayed = false;
     if (!error) {
         auto outcome = std::make_shared<TrashOutcome>();
@@ -333,10 +333,10 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         }
     }
 
-    // 8.
+    // The record names the folder by the path it had, whatever the Trash did.
     if (!mountpointPath.empty()) f.setMountpoint(Value::url(mountpointPath));
 
-    // 9. The empty folder that the image will be mounted on.
+    // The empty folder that the image will be mounted on.
     if (!error) {
         if (!strayed) QVNotificationCenter::defaultCenter().postAlert(kTrashedText, true);
         if (::mkdir(mountpointPath.c_str(), 0777) != 0) {
@@ -358,11 +358,11 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         }
     }
 
-    // 10.
+    // The next task on this folder starts uncancelled.
     performBlockOnMainThread([face] { face.setOpCanceled(Value()); });
 
     if (error) {
-        // 11. Undo: the new image goes, the record leaves the set, the source stays.
+        // Undo: the new image goes, the record leaves the set, the source stays.
         if (error->code != QVErrorCancelled) {
             const std::string description = error->description;
             QV_LOG_WARN(description);
@@ -389,7 +389,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
             },
             true);
     } else {
-        // 12. Done: file managers hear of the new folder, the record is saved encrypted.
+        // Done: file managers hear of the new folder, the record is saved encrypted.
         notePathChanged(mountpointPath);
         f.setMountpoint(Value::url(mountpointPath));
         notePathChanged(parentOf(mountpointPath));
@@ -411,7 +411,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
             true);
     }
 
-    // 13.
+    // The Temp of the storage goes when nothing else uses it.
     removeTempFolder(tempDir);
     return error;
 }

@@ -144,7 +144,9 @@ protected:
         return messages->shown;
     }
 
-    static void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+    static void writeText(const std::string& path, const std::string& text) {
+        std::ofstream(path, std::ios::binary) << text;
+    }
 
     FolderList& list = FolderList::singleton();
     OperationQueue queue;
@@ -218,7 +220,8 @@ TEST_F(EncryptFolderTaskTest, TheFolderBecomesAnImageAndItsPathAnEmptyMountPoint
     ASSERT_TRUE(password);
     EXPECT_GE(password->size(), 30u);
     EXPECT_LE(password->size(), 40u);
-    EXPECT_TRUE(std::all_of(password->begin(), password->end(), [](char c) { return c >= 33 && c <= 126; })) << *password;
+    EXPECT_TRUE(std::all_of(password->begin(), password->end(), [](char c) { return c >= 33 && c <= 126; }))
+        << *password;
 
     // Unlocked, the folder shows what was in it; locked again, it is empty.
     QVError error;
@@ -238,7 +241,8 @@ TEST_F(EncryptFolderTaskTest, TheFolderBecomesAnImageAndItsPathAnEmptyMountPoint
 TEST_F(EncryptFolderTaskTest, ACancelDuringTheCopyLeavesEverythingAsItWas) {
     const std::string folder = sandbox.path("folders/Cancelled");
     fs::create_directories(folder);
-    for (int i = 0; i < 64; ++i) writeText(folder + "/file " + std::to_string(i), patternBytes(uint64_t(i), 256 * 1024));
+    for (int i = 0; i < 64; ++i)
+        writeText(folder + "/file " + std::to_string(i), patternBytes(uint64_t(i), 256 * 1024));
     const TreeSnapshot before = snapshotTree(folder);
     QVCopySetStatusInterval(std::chrono::milliseconds(1));
 
@@ -278,7 +282,8 @@ TEST_F(EncryptFolderTaskTest, ATrashThatFailsDeletesTheFinishedImageAndKeepsTheS
     const auto told = shown();
     ASSERT_EQ(told.size(), 1u);
     EXPECT_EQ(told[0].first, int(QVNotificationCritical));
-    EXPECT_EQ(told[0].second.rfind("Error creating disk image\n\nFailed to trash 'Kept':\n\n", 0), 0u) << told[0].second;
+    EXPECT_EQ(told[0].second.rfind("Error creating disk image\n\nFailed to trash 'Kept':\n\n", 0), 0u)
+        << told[0].second;
 }
 
 TEST_F(EncryptFolderTaskTest, TheDefaultDestinationAndTheTempDirectory) {

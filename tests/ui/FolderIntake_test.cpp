@@ -27,7 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kOurData = "This folder contains Quillvane's data. Encrypting it would prevent Quillvane from working.";
+constexpr const char* kOurData =
+    "This folder contains Quillvane's data. Encrypting it would prevent Quillvane from working.";
 constexpr const char* kNested =
     "Quillvane does not support encrypting folders within folders, as it does not provide a significant improvement "
     "on top of the existing encryption, and can lead to problems if the folders are not properly locked.";
@@ -62,7 +63,8 @@ protected:
     void showSetWith(const std::vector<std::string>& paths) {
         std::vector<QVRecordRef> folders;
         for (const auto& path : paths)
-            folders.push_back(QVFolderCreate(QVStorageCreate("Default", URLValue{home.root() + "/store"}), URLValue{path}));
+            folders.push_back(
+                QVFolderCreate(QVStorageCreate("Default", URLValue{home.root() + "/store"}), URLValue{path}));
         FolderList::singleton().loadSubdb(DBSubdb::subdbWithFolders(folders, "pw"));
     }
     // The refusal of a folder: code and text ("" when it passes).
@@ -87,8 +89,8 @@ protected:
 
 TEST_F(FolderIntakeTest, WhatIsNoFolderIsRefusedFirst) {
     const std::string missing = home.root() + "/missing";
-    EXPECT_EQ(folderVerdict(missing),
-              Verdict(ENOENT, "Failed to read attributes for folder:\n\n" + missing + "\n\nGot error: " + std::strerror(ENOENT)));
+    EXPECT_EQ(folderVerdict(missing), Verdict(ENOENT, "Failed to read attributes for folder:\n\n" + missing +
+                                                          "\n\nGot error: " + std::strerror(ENOENT)));
     EXPECT_EQ(folderVerdict(file("plain.txt")), Verdict(QVErrorRefused, "Please drag a folder onto Quillvane."));
     fs::create_directory_symlink(dir("real"), home.root() + "/link");
     EXPECT_EQ(folderVerdict(home.root() + "/link"), Verdict(QVErrorRefused, "Please drag a folder onto Quillvane."))
@@ -176,7 +178,8 @@ TEST_F(FolderIntakeTest, AFolderInsideTheLibraryIsEncryptedOnlyWhenTheUserSaysYe
 TEST_F(FolderIntakeTest, TheProgramVolumesAndNestedFolders) {
     const std::string bundle = QVApplicationBundlePath();
     ASSERT_FALSE(bundle.empty());
-    const Verdict program(QVErrorRefused, "This folder contains Quillvane. Encrypting it would prevent Quillvane from working.");
+    const Verdict program(QVErrorRefused,
+                          "This folder contains Quillvane. Encrypting it would prevent Quillvane from working.");
     EXPECT_EQ(folderVerdict(bundle), program);
     EXPECT_EQ(folderVerdict(fs::path(bundle).parent_path().string()), program);
     EXPECT_EQ(destinationVerdict(bundle, "/elsewhere"), Verdict(QVErrorRefused, "This folder contains Quillvane."));
@@ -221,7 +224,8 @@ TEST_F(FolderIntakeTest, ImageDestinations) {
 
     const std::string other = dir("Other Secret");
     showSetWith({other});
-    EXPECT_EQ(destinationVerdict(other, folder), Verdict(QVIntakeAlreadyEncrypted, "Other Secret is already encrypted."));
+    EXPECT_EQ(destinationVerdict(other, folder),
+              Verdict(QVIntakeAlreadyEncrypted, "Other Secret is already encrypted."));
     EXPECT_EQ(destinationVerdict(dir("Other Secret/inside"), folder), inMountpoint)
         << "another protected folder's mount point is no place for images either";
 }

@@ -78,7 +78,9 @@ bool isSameOrInside(const std::string& path, const std::string& dir) {
     return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/';
 }
 
-bool isStrictlyInside(const std::string& path, const std::string& dir) { return path != dir && isSameOrInside(path, dir); }
+bool isStrictlyInside(const std::string& path, const std::string& dir) {
+    return path != dir && isSameOrInside(path, dir);
+}
 
 // Whether some spelling of `a` and some spelling of `b` answer the test.
 template <class Test>
@@ -214,17 +216,17 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
     const std::string path = cleanPath(givenPath);
     const std::vector<std::string> forms = spellings(path);
 
-    // 1. What the item is, all read at once.
+    // What the item is, all read at once.
     QVIntakeResourceValues info;
     QVError reason;
     if (!QVReadIntakeResourceValues(path, &info, &reason))
         return refuse(error, reason.code,
                       QVFormat("Failed to read attributes for folder:\n\n%s\n\nGot error: %s", path.c_str(),
                                reason.description.c_str()));
-    // 2. A folder, and not a link to one: the Trash and the new mount point
-    //    would act on the link.
+    // A folder, and not a link to one: the Trash and the new mount point
+    // would act on the link.
     if (!info.isDirectory) return refuse(error, QVErrorRefused, "Please drag a folder onto Quillvane.");
-    // 3.
+    // Everything below needs the home directory's volume.
     const std::string home = homeDirectory();
     struct statvfs homeVolume;
     if (::statvfs(home.c_str(), &homeVolume) != 0) {
@@ -232,7 +234,7 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
         return refuse(error, err,
                       QVFormat("Couldn't get volume information for home directory. Error:\n\n%s", std::strerror(err)));
     }
-    // 4. An image to import has checks of its own.
+    // An image to import has checks of its own.
     if (info.isPackage) {
         if (!isGoodSparseBundleAtURL(path, info, error)) {
             QV_LOG_FAILED("!isGoodSparseBundleAtURL(url, info, &err)");
@@ -241,36 +243,34 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
         return true;
     }
     const std::string name = lastComponent(path);
-    // 5.
-    if (isFolderOfTheSet(forms)) return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
-    // 6.
+    // A folder of the set is refused as such before anything else is said of it.
+    if (isFolderOfTheSet(forms))
+        return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
+    // Bundles of applications are directories too.
     if (endsWith(path, ".app"))
         return refuse(error, QVErrorRefused,
                       QVFormat("'%s' is an application, please drag a folder onto Quillvane.", name.c_str()));
-    // 7.
     if (!info.isReadable || !info.isWritable)
         return refuse(error, QVIntakeNoReadWrite,
                       QVFormat("Quillvane is not able to read and write to this folder:\n\n%s", path.c_str()));
-    // 8.
     if (info.isVolume) {
         QV_LOG_WARN(QVFormat("can't encrypt volume: %s", path.c_str()));
         return refuse(error, QVIntakeIsVolume,
                       "At this time Quillvane does not encrypt entire volumes, please use Disk Utliity or FileVault "
                       "for that.");
     }
-    // 9.
+    // Our database, backups and default image store.
     if (anySpelling(forms, ourAppSupURL(), isSameOrInside)) return refuse(error, QVErrorRefused, kOurDataText);
     const auto same = [](const std::string& a, const std::string& b) { return a == b; };
-    // 10.
+    // ~/.local and ~/.local/share themselves hold far too much of everything.
     if (anySpelling(forms, libraryURL(), same))
         return refuse(error, QVErrorRefused,
                       "Encrypting the Library folder can lead to problems. You can use FileVault to do that safely.");
-    // 11.
     if (anySpelling(forms, appSupURL(), same))
         return refuse(error, QVErrorRefused,
                       "Encrypting the Application Support folder can lead to problems. You can use FileVault to do "
                       "that safely.");
-    // 12. Application data may be encrypted, but only knowingly.
+    // Application data may be encrypted, but only knowingly.
     if (anySpelling(forms, libraryURL(), isSameOrInside)) {
         // A front end with windows brings itself forward in its yes/no handler.
         QV_LOG_WARN(kLibraryQuestionText);
@@ -281,29 +281,29 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
             return false;
         }
     }
-    // 13. As text: any folder whose path is part of the install path is refused.
+    // As text: any folder whose path is part of the install path is refused.
     const std::string bundle = QVApplicationBundlePath();
     for (const std::string& form : forms)
         if (!bundle.empty() && bundle.find(form) != std::string::npos)
             return refuse(error, QVErrorRefused,
                           "This folder contains Quillvane. Encrypting it would prevent Quillvane from working.");
-    // 14.
+    // The home directory: its data directories, and our own, are in it.
     if (anySpelling(forms, home, same))
         return refuse(error, QVErrorRefused,
                       "Quillvane cannot safely encrypt your entire home directory, please use FileVault to do that.");
-    // 15. Folders within folders, and folders that would carry ours away.
+    // Folders within folders, and folders that would carry ours away.
     for (const std::string& form : forms)
         if (isSameOrInside(form, QVMountsDirectory)) return refuse(error, QVErrorRefused, kNestedText);
     if (nestsWithProtectedFolders(forms)) return refuse(error, QVErrorRefused, kNestedText);
-    if (anySpelling(forms, ourAppSupURL(), [](const std::string& a, const std::string& b) { return isSameOrInside(b, a); }) ||
+    if (anySpelling(forms, ourAppSupURL(),
+                    [](const std::string& a, const std::string& b) { return isSameOrInside(b, a); }) ||
         holdsImageStore(forms))
         return refuse(error, QVErrorRefused, kOurDataText);
-    // 16.
     if (!checkResourceIsReachable(path, &reason)) {
         QV_LOG_ERROR(QVFormat("url unreachable: %s: %s", path.c_str(), reason.description.c_str()));
-        return refuse(error, reason.code, QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
+        return refuse(error, reason.code,
+                      QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
     }
-    // 17.
     if (isNetworkDrive(path)) {
         QV_LOG_ERROR(QVFormat("not on a local volume: %s", path.c_str()));
         return refuse(error, QVIntakeNetworkVolume,
@@ -316,19 +316,18 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
     const std::string path = cleanPath(givenPath);
     const std::vector<std::string> forms = spellings(path);
 
-    // 1.
+    // What the item is, all read at once.
     QVIntakeResourceValues info;
     QVError reason;
     if (!QVReadIntakeResourceValues(path, &info, &reason))
         return refuse(error, reason.code,
                       QVFormat("Failed to read attributes for folder:\n\n%s\n\nGot error: %s", path.c_str(),
                                reason.description.c_str()));
-    // 2.
     if (!info.isDirectory) return refuse(error, QVErrorRefused, "Please, select a folder.");
-    // 3. An image chosen as the place: nothing more to ask of it here.
+    // An image chosen as the place: nothing more to ask of it here.
     if (info.isPackage) return true;
-    // 4. As text, for the folder's own mount point; any other protected folder
-    //    by path, as its mount point must stay empty and its volume comes and goes.
+    // As text, for the folder's own mount point; any other protected folder
+    // by path, as its mount point must stay empty and its volume comes and goes.
     bool inMountpoint = false;
     const std::string mountpoint = cleanPath(mountpointPath);
     for (const std::string& form : forms)
@@ -339,31 +338,28 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
         QV_LOG_ERROR("Folder in mounting point ");
         return refuse(error, QVErrorRefused, "Disk image cannot be stored in the mounting point");
     }
-    // 5.
+    // Images are served from local disks only.
     if (isNetworkDrive(path)) {
         QV_LOG_ERROR("Folder in remote drive ");
         return refuse(error, QVErrorRefused,
                       "At this time Quillvane does not support encrypting folders on network drives.");
     }
     const std::string name = lastComponent(path);
-    // 6.
-    if (isFolderOfTheSet(forms)) return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
-    // 7.
+    if (isFolderOfTheSet(forms))
+        return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
     if (endsWith(path, ".app"))
         return refuse(error, QVErrorRefused,
                       QVFormat("'%s' is an application, please drag a folder onto Quillvane.", name.c_str()));
-    // 8.
     if (!info.isReadable || !info.isWritable)
         return refuse(error, QVIntakeNoReadWrite,
                       QVFormat("Quillvane is not able to read and write to this folder:\n\n%s", path.c_str()));
-    // 9.
     const std::string bundle = QVApplicationBundlePath();
     for (const std::string& form : forms)
         if (!bundle.empty() && bundle.find(form) != std::string::npos)
             return refuse(error, QVErrorRefused, "This folder contains Quillvane.");
-    // 10.
     if (!checkResourceIsReachable(path, &reason))
-        return refuse(error, reason.code, QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
+        return refuse(error, reason.code,
+                      QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
     return true;
 }
 
