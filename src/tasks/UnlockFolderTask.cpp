@@ -1,0 +1,202 @@
+#include "tasks/UnlockFolderTask.h"
+
+#include <mutex>
+
+#include "app/TaskQueue.h"
+#include "automation/ActionsManager.h"
+#include "disk/DesktopOpen.h"
+#include "disk/DiskMaster.h"
+#include "disk/FileSystemVolumes.h"
+#include "disk/FolderSanity.h"
+#include "disk/URLHelpers.h"
+#include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
+#include "ui/logic/FolderList.h"
+#include "ui/logic/QVNotificationCenter.h"
+#include "vault/DBSubdb.h"
+#include "vault/Schemas.h"
+
+namespace qv {
+
+namespace {
+
+// An ext4 label holds this many bytes.
+constexpr size_t kLabelBytes = 16;
+
+std::string trimmed(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string lastComponent(const std::string& path) {
+    const std::string p = trimmed(path);
+    const size_t slash = p.rfind('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+std::mutex& statMakerMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+UnlockFolderTask::StatTaskMaker& statMaker() {
+    static UnlockFolderTask::StatTaskMaker maker;
+    return maker;
+}
+
+// The size task behind this one: it waits for the face's current operation.
+void queueStatTask(const QVRecordRef& folderFace) {
+    UnlockFolderTask::StatTaskMaker maker;
+    {
+        std::lock_guard lock(statMakerMutex());
+        maker = statMaker();
+    }
+    if (!maker) return;
+    const OperationRef operation = maker(folderFace);
+    if (!operation) return;
+    QVError error;
+    if (!addFolderTask(QVAppOperationQueue(), operation, &error))
+        QV_LOG_ERROR(QVFormat("couldn't queue the size task: %s", error.description.c_str()));
+}
+
+} // namespace
+
+OperationRef UnlockFolderTask::taskWithFolderFace(const QVRecordRef& folderFace, bool openFolder) {
+    auto task = std::make_shared<UnlockFolderTask>();
+    task->openFolder = openFolder;
+    return makeOperation(task, folderFace);
+}
+
+void UnlockFolderTask::setStatTaskMaker(StatTaskMaker maker) {
+    std::lock_guard lock(statMakerMutex());
+    statMaker() = std::move(maker);
+}
+
+bool UnlockFolderTask::shouldSilent(const QVRecordRef& folder) {
+    return !isInDesktop(FolderRef{folder}.mountpoint().toURLPath());
+}
+
+bool UnlockFolderTask::volumeNameDiffers(const std::string& volumeName, const std::string& folderName) {
+    if (volumeName.empty()) return false;
+    std::string label = folderName;
+    if (label.size() > kLabelBytes) {
+        size_t cut = kLabelBytes;
+        while (cut > 0 && (static_cast<unsigned char>(label[cut]) & 0xC0) == 0x80) --cut;
+        label.resize(cut);
+    }
+    return volumeName != label;
+}
+
+OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
+    FolderFaceRef face{folderFace};
+    const QVRecordRef folder = face.folder().as<QVRecord>();
+    FolderRef f{folder};
+    const Value mountpointValue = f.mountpoint();
+    const std::string mountpoint = trimmed(mountpointValue.toURLPath());
+    const std::string name = lastComponent(mountpoint);
+    auto& centre = QVNotificationCenter::defaultCenter();
+
+    // 1. Without its image there is nothing to unlock; the row isn't touched.
+    const std::string image = DiskInfoRef{f.diskinfo().as<QVRecord>()}.url().toURLPath();
+    if (image.empty()) {
+        QV_LOG_ERROR("Error de URL");
+        centre.postAlert(QVFormat("Disk image information not found for folder '%s'.", name.c_str()), false);
+        return QVError{QVAppErrorDomain(), QVErrorUnlockRefused,
+                       "Failed to mount disk image, error:\n\nDisk image information missing"};
+    }
+
+    // 2. The records against the disk; a failure stands, and is reported at the end.
+    std::optional<QVError> error;
+    QVError sanityError;
+    if (sanityCheckFolderFace(folderFace, &sanityError) != QVSanityOK) {
+        QV_LOG_ERROR(QVFormat("sanity check failed for '%s': %s", name.c_str(), sanityError.description.c_str()));
+        error = sanityError;
+    }
+
+    // 3. An application that an Open action names must not be running yet:
+    // refused before anything is mounted, and the row stays as it was.
+    ActionsManager manager;
+    if (auto application = manager.appInUnlockActionsIsRunning(folder); application && !application->empty()) {
+        const std::string text = QVFormat(
+            "Failed to unlock folder %s.\nThe folder cannot be unlocked while the application %s  is running. "
+            "Please, close %s and try again.",
+            name.c_str(), application->c_str(), application->c_str());
+        QV_LOG_ERROR(text);
+        centre.postAlert(text, false);
+        return QVError{QVAppErrorDomain(), QVErrorUnlockRefused, text};
+    }
+
+    // 4. A locked folder wears no icon of its own here: its custom icon lives
+    // inside the image (a mount point must stay empty), and shows with the
+    // volume. So there is nothing to carry over onto the volume.
+
+    // 5. The mount.
+    if (!error) {
+        DBSubdbRef subdb = QVRecordGetSubdb(folder);
+        if (!subdb) subdb = face.subdb().as<DBSubdb>();
+        bool locked = false;
+        performBlockOnMainThread(
+            [&] {
+                face.setProgressIndeterminate(Value(true));
+                face.setProgressAnimate(Value(true));
+                if (subdb) subdb->save(nullptr);
+                f.setMountpoint(mountpointValue);
+                FolderList::singleton().setStatusText("Unlocking...", false, folderFace);
+                // Read here, after whatever the sanity check posted.
+                locked = face.locked().toBool();
+            },
+            true);
+        if (locked) {
+            QVError mountError;
+            if (!DiskMaster::mountDiskForFolderFace(folderFace, shouldSilent(folder), "", true, &mountError)) {
+                QV_LOG_ERROR(QVFormat("failed to mount '%s': %s", name.c_str(), mountError.description.c_str()));
+                error = mountError;
+            } else if (auto volumeName = volnameAtURL(mountpoint); volumeName && volumeNameDiffers(*volumeName, name)) {
+                // The folder was renamed while it was locked: the volume follows.
+                QVLogInfo(QVFormat("volume name changed: '%s' => '%s'", volumeName->c_str(), name.c_str()));
+                QVError renameError;
+                if (!DiskMaster::renameDiskForFolderFace(folderFace, name, "", true, &renameError))
+                    centre.postAlert(QVFormat("Failed to rename '%s' => '%s'\n\n%s", volumeName->c_str(), name.c_str(),
+                                              renameError.description.c_str()),
+                                     true);
+            }
+        }
+        performBlockOnMainThread(
+            [folderFace] {
+                FolderFaceRef ff{folderFace};
+                ff.setProgressIndeterminate(Value(false));
+                ff.setProgressAnimate(Value(false));
+                FolderList::singleton().displayFolderSizeInfo(folderFace);
+            },
+            false);
+    }
+
+    // 6. Unlocked: measure, run the actions, tell.
+    if (!error) {
+        performBlockOnMainThread([folderFace] { FolderFaceRef{folderFace}.setOpCanceled(Value()); }, false);
+        queueStatTask(folderFace);
+        executeUnlockActions(folderFace);  // reported by itself; the folder is unlocked either way
+        notePathChanged(mountpoint);
+        if (openFolder) QVOpenURL(mountpoint);
+        centre.postInfo(QVFormat("Unlocked '%s'.", name.c_str()), false);
+    } else {
+        // 7.
+        centre.postCritical(QVFormat("Failed to unlock '%s': %s", name.c_str(), error->description.c_str()), true);
+    }
+
+    // 8.
+    endProgress(folderFace);
+    return error;
+}
+
+OperationResult UnlockFolderTask::executeUnlockActions(const QVRecordRef& folderFace) {
+    const QVRecordRef folder = FolderFaceRef{folderFace}.folder().as<QVRecord>();
+    ActionsManager manager;
+    QVError error;
+    if (manager.executeUnlockActions(folder, &error) && error.empty()) return std::nullopt;
+    QV_LOG_ERROR(QVFormat("last action failed '%s'", error.description.c_str()));
+    QVNotificationCenter::defaultCenter().postAlert(
+        QVFormat("Last configured action failed with error:\n%s", error.description.c_str()), true);
+    return error;
+}
+
+} // namespace qv
