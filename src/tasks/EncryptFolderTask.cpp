@@ -312,6 +312,20 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         }
     }
 
+    // The record that opens the image (its wrapped password and its final
+    // place) reaches the disk before the source goes: a crash from here on
+    // leaves the files in the Trash and an image that the set can still open.
+    if (!error && subdb) {
+        QVError saveError;
+        bool saved = false;
+        performBlockOnMainThread([&] { saved = subdb->save(&saveError); }, true);
+        if (!saved) {
+            QV_LOG_ERROR(QVFormat("can't encrypt %s because db failed to save the image's record: %s",
+                                  mountpointPath.c_str(), saveError.description.c_str()));
+            error = saveError.empty() ? appError(QVErrorUnknown, kUnknownErrorText) : saveError;
+        }
+    }
+
     // The source to the Trash: on the main thread, while this thread waits.
     bool strayed = false;
     if (!error) {
