@@ -163,6 +163,26 @@ TEST_F(QvEncrypt, ProtectsAFolderAndRefusesWhatItMustNot) {
     EXPECT_EQ(r.out.rfind("locked\t", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("\t-\t" + w.folder + "\n"), std::string::npos) << r.out;
 
+    // The everyday cycle: unlocked, the folder's path shows the files; locked, nothing.
+    r = qv(w, {"unlock", w.folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "unlocked\t" + w.folder + "\n");
+    std::vector<std::string> diffs;
+    for (const auto& d : compareTrees(reference, w.folder, {.wholeSeconds = true}))
+        if (d.rfind("'lost+found'", 0) != 0 && d.rfind("'.hidden'", 0) != 0) diffs.push_back(d);
+    EXPECT_EQ(diffs, std::vector<std::string>{}) << "every file as it was";
+    writeBytes(w.folder + "/written while unlocked", "new");
+    EXPECT_EQ(qv(w, {"status"}).out.rfind("unlocked\t", 0), 0u);
+    r = qv(w, {"lock", w.folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "locked\t" + w.folder + "\n");
+    EXPECT_TRUE(fs::is_directory(w.folder) && fs::is_empty(w.folder)) << "the path is empty again";
+    EXPECT_EQ(qv(w, {"lock", w.folder}).exitCode, 0) << "locked already counts as done";
+    ASSERT_EQ(qv(w, {"unlock", w.folder}).exitCode, 0);
+    EXPECT_EQ(readFile(w.folder + "/written while unlocked"), "new");
+    ASSERT_EQ(qv(w, {"lock", w.folder}).exitCode, 0);
+    EXPECT_EQ(qv(w, {"unlock", w.home + "/elsewhere"}).exitCode, 4) << "not a folder of the set";
+
     // Refusals: exit 4 with the reason.
     r = qv(w, {"encrypt", w.folder});
     EXPECT_EQ(r.exitCode, 4);

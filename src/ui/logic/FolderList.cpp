@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "app/TaskQueue.h"
+#include "automation/ActionsCache.h"
 #include "app/UserDefaults.h"
 #include "disk/DesktopOpen.h"
 #include "disk/URLHelpers.h"
@@ -155,6 +156,8 @@ void FolderList::loadSubdb(const std::shared_ptr<DBSubdb>& subdb) {
     }
     for (const auto& face : faces_) {
         setupFolderFace(face);
+        // Every folder that was on show keeps its actions in the cache.
+        ActionsCache::actionsCache().setActionsForFolder(FolderFaceRef{face}.folder().as<QVRecord>());
         if (folderLoadedHandler_) folderLoadedHandler_(face);
     }
 }

@@ -115,8 +115,9 @@ public:
     bool showsEmptyList() const { return showsEmptyList_; }
     void setEmptyListHandler(std::function<void()> handler) { emptyListHandler_ = std::move(handler); }
 
-    // Told of each face that loadSubdb sets up, after its setup: the actions
-    // cache and auto-lock keep their own note of every folder that was on show.
+    // Told of each face that loadSubdb sets up, after its setup and after the
+    // actions cache has noted the folder: auto-lock keeps its own note of every
+    // folder that was on show.
     void setFolderLoadedHandler(std::function<void(const QVRecordRef& face)> handler) {
         folderLoadedHandler_ = std::move(handler);
     }
