@@ -36,6 +36,7 @@ int cmdEncrypt(const std::vector<std::string>& args);
 int cmdUnlock(const std::vector<std::string>& args);
 int cmdLock(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
+int cmdActions(const std::vector<std::string>& args);
 
 // Gives the folder list the task classes it queues.
 void installTaskMakers();

@@ -20,15 +20,6 @@ namespace qv::cli {
 
 namespace {
 
-// The event loop that the tasks' waits for the main thread are answered on.
-QCoreApplication& application() {
-    static int argc = 1;
-    static char name[] = "qv";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication* app = QCoreApplication::instance() ? nullptr : new QCoreApplication(argc, argv);
-    return app ? *app : *QCoreApplication::instance();
-}
-
 std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
 
 bool isEncrypted(const QVRecordRef& face) {
@@ -58,7 +49,6 @@ int usage(const char* text) {
 
 int cmdEncrypt(const std::vector<std::string>& args) {
     if (args.empty()) return usage("qv encrypt <folder>...");
-    application();
     FolderSession session;
     if (int code = session.open(); code != ExitOK) return code;
     FolderList& list = FolderList::singleton();
@@ -115,7 +105,6 @@ int lockOrUnlock(const std::vector<std::string>& args, bool unlock) {
             paths.push_back(arg);
     }
     if (paths.empty()) return usage(unlock ? "qv unlock <folder>... [--open]" : "qv lock <folder>...");
-    application();
     FolderSession session;
     if (int code = session.open(); code != ExitOK) return code;
     FolderList& list = FolderList::singleton();
@@ -163,7 +152,6 @@ int cmdLock(const std::vector<std::string>& args) { return lockOrUnlock(args, fa
 
 int cmdStatus(const std::vector<std::string>& args) {
     if (!args.empty()) return usage("qv status");
-    application();
     FolderSession session;
     if (int code = session.open(); code != ExitOK) return code;
     for (const auto& face : FolderList::singleton().faces()) {

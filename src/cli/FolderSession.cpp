@@ -91,7 +91,17 @@ private:
 
 } // namespace
 
+// The event loop that the tasks' waits for the main thread are answered on;
+// made once, by the thread of main().
+void ensureApplication() {
+    static int argc = 1;
+    static char name[] = "qv";
+    static char* argv[] = {name, nullptr};
+    if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
+}
+
 FolderSession::FolderSession() {
+    ensureApplication();
     auto& centre = QVNotificationCenter::defaultCenter();
     // qv tells the user on its terminal, whichever way the preferences choose.
     auto console = std::make_shared<ConsoleNotificationDelivery>();
