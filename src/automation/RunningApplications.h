@@ -39,8 +39,8 @@ struct QVDesktopApplication {
 std::string QVDesktopEntryPathForId(const std::string& desktopFileId);
 
 // The application of the entry at `path`; nullopt when the file is no readable
-// entry of type Application, is marked Hidden, or names a TryExec program that
-// isn't installed.
+// entry of type Application, is marked Hidden, or names a program (Exec or
+// TryExec) that isn't installed.
 std::optional<QVDesktopApplication> QVDesktopApplicationAtPath(const std::string& path);
 // The same, found by desktop file id.
 std::optional<QVDesktopApplication> QVDesktopApplicationWithId(const std::string& desktopFileId);
