@@ -11,23 +11,13 @@
 #include "disk/FileSystemVolumes.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
 
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
-
 std::string parentOf(const std::string& path) {
-    const std::string p = trimmed(path);
+    const std::string p = QVTrimmedPath(path);
     size_t slash = p.rfind('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : p.substr(0, slash);
@@ -94,14 +84,14 @@ bool isListedHidden(const std::string& path) {
     bool failed = false;
     auto lines = readLines(hiddenListOf(path), failed);
     if (!lines) return false;
-    const std::string name = lastComponent(path);
+    const std::string name = QVLastPathComponent(path);
     for (const std::string& l : *lines)
         if (l == name) return true;
     return false;
 }
 
 bool setHidden(const std::string& path, bool hidden) {
-    const std::string name = lastComponent(path);
+    const std::string name = QVLastPathComponent(path);
     if (name.empty() || name == "/" || name.find('\n') != std::string::npos) {
         QV_LOG_ERROR(QVFormat("can't list '%s' as hidden: its name can't stand in a .hidden file", path.c_str()));
         return false;

@@ -20,6 +20,7 @@
 #include "disk/RenameAt.h"
 #include "disk/SizeWalk.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
@@ -69,12 +70,6 @@ std::string joinPath(const std::string& dir, const std::string& name) {
     return dir.back() == '/' ? dir + name : dir + "/" + name;
 }
 
-std::string lastComponent(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 std::string parentOf(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     size_t slash = path.rfind('/');
@@ -122,7 +117,7 @@ int removeTreeAt(int parent, const char* name) {
 int removeTree(const std::string& path) {
     Fd parent(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent) return errno;
-    return removeTreeAt(parent.get(), lastComponent(path).c_str());
+    return removeTreeAt(parent.get(), QVLastPathComponent(path).c_str());
 }
 
 // A fresh name that is nobody's in `dir`, for work in progress.
@@ -177,7 +172,7 @@ public:
         if (intoExisting) return fail(ENOTDIR, "open");
         Fd parent(::open(parentOf(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!parent) return fail(errno, "open parent");
-        const std::string name = lastComponent(source);
+        const std::string name = QVLastPathComponent(source);
         return copyEntry(parent.get(), name.c_str(), st, dstDir, dstName.c_str());
     }
 
@@ -728,7 +723,7 @@ bool copyOrMoveContentsFrom(const std::string& source, const std::string& destin
                             const QVCopyCancelBlock& cancelBlock, bool move, QVError* error) {
     if (error) *error = QVError{};
     Outcome outcome;
-    const std::string name = destinationName ? *destinationName : lastComponent(source);
+    const std::string name = destinationName ? *destinationName : QVLastPathComponent(source);
     Fd dstDir;
     if (source.empty() || !validName(name)) {
         outcome.code = EINVAL;

@@ -20,6 +20,7 @@
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -96,7 +97,7 @@ std::vector<std::string> DiskMaster::createArgumentsForFolder(const QVRecordRef&
     const std::string encryption = diskinfo.encryption().toString();
     const std::string filesystem = diskinfo.filesystem().toString();
     const std::string image = diskinfo.url().toURLPath();
-    const std::string volname = lastPathComponent(folder.mountpoint().toURLPath());
+    const std::string volname = QVLastPathComponent(folder.mountpoint().toURLPath());
     const Value capacity = diskinfo.capacity();
     if (encryption.empty() || filesystem.empty() || image.empty() || volname.empty() || !capacity.isNumber() ||
         capacity.toInt() < 0) {

@@ -23,6 +23,7 @@
 #include "toolkit/Log.h"
 #include "vault/PropertyList.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -61,7 +62,7 @@ std::optional<QVMountEntry> mountEntryAt(const std::string& path) {
 
 // The file behind a loop device ("/dev/loop3"); empty when it has none.
 std::string loopBackingFile(const std::string& device) {
-    const std::string name = lastPathComponent(device);
+    const std::string name = QVLastPathComponent(device);
     std::ifstream in("/sys/block/" + name + "/loop/backing_file");
     std::string line;
     std::getline(in, line);
@@ -349,7 +350,7 @@ bool DiskMaster::daMountDiskForFolderFace(const QVRecordRef& face, bool silently
                                           bool updateUI, QVError* error) {
     const FaceParts parts = partsOf(face);
     const std::string mount = mountpoint.empty() ? parts.mountpoint : mountpoint;
-    const std::string name = lastPathComponent(parts.mountpoint);
+    const std::string name = QVLastPathComponent(parts.mountpoint);
     if (!parts.folder || parts.imagePath.empty() || mount.empty()) {
         QV_LOG_FAILED("!folder.diskinfo.url || !mountpoint");
         QVSetAppError(error, QVErrorRefused, "Failed to mount disk image, error:\n\nThe folder has no disk image or no place to mount it.");
@@ -421,7 +422,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
                                           bool updateUI, QVError* error) {
     const FaceParts parts = partsOf(face);
     const std::string mount = mountpoint.empty() ? parts.mountpoint : mountpoint;
-    const std::string name = lastPathComponent(parts.mountpoint.empty() ? mount : parts.mountpoint);
+    const std::string name = QVLastPathComponent(parts.mountpoint.empty() ? mount : parts.mountpoint);
     struct stat st;
     if (mount.empty() || ::lstat(mount.c_str(), &st) != 0) {
         const int err = mount.empty() ? ENOENT : errno;
@@ -491,7 +492,7 @@ bool DiskMaster::renameDiskForFolderFace(const QVRecordRef& face, const std::str
         return false;
     }
     const std::string label = labelFor(name);
-    const std::string oldName = lastPathComponent(mount);
+    const std::string oldName = QVLastPathComponent(mount);
     const auto entry = mountEntryAt(mount);
     if (!entry || entry->source.empty()) {
         QV_LOG_ERROR(QVFormat("failed to create disk ref for: %s", mount.c_str()));

@@ -10,6 +10,7 @@
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv::diskmaster {
 
@@ -25,13 +26,6 @@ FaceParts partsOf(const QVRecordRef& face) {
     parts.mountpoint = folder.mountpoint().toURLPath();
     parts.imagePath = DiskInfoRef{parts.diskinfo}.url().toURLPath();
     return parts;
-}
-
-std::string lastPathComponent(const std::string& path) {
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
 ImagePassword::~ImagePassword() {

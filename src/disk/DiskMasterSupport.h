@@ -25,8 +25,6 @@ struct FaceParts {
 };
 FaceParts partsOf(const QVRecordRef& face);
 
-std::string lastPathComponent(const std::string& path);
-
 // The image password in plain form, for one run of the helper. Filled from
 // the folder's `password` under the Folder Set's password; whatever path the
 // operation takes, the destructor overwrites the bytes with random ones and

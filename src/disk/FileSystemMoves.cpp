@@ -14,23 +14,13 @@
 
 #include "disk/RenameAt.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
 
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
-
 std::string parentOf(const std::string& path) {
-    const std::string p = trimmed(path);
+    const std::string p = QVTrimmedPath(path);
     size_t slash = p.rfind('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : p.substr(0, slash);
@@ -56,7 +46,7 @@ int renameNoReplace(const std::string& from, const std::string& to) {
 } // namespace
 
 std::optional<std::string> moveFile(const std::string& path, const std::string& directory) {
-    const std::string dest = join(trimmed(directory), lastComponent(path));
+    const std::string dest = join(QVTrimmedPath(directory), QVLastPathComponent(path));
     if (exists(dest)) {
         QV_LOG_FAILED("!exists(dest)");
         QV_LOG_ERROR(QVFormat("can't move, destination exists: %s", dest.c_str()));
@@ -99,7 +89,7 @@ std::optional<std::string> forceRenameItemAtPath(const std::string& path, const 
     }
     const std::string parent = parentOf(path);
     std::string target = join(parent, newName);
-    if (target == trimmed(path)) return target;
+    if (target == QVTrimmedPath(path)) return target;
     int err = renameNoReplace(path, target);
     if (err == EEXIST) {
         QVLogInfo(QVFormat("rename of '%s' to '%s' being forced because of existing file", path.c_str(),

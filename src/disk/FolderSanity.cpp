@@ -15,6 +15,7 @@
 #include "ui/logic/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -24,13 +25,6 @@ constexpr uint64_t QVSizeFailed = UINT64_MAX;
 // Progress of a size walk is reported past every mark; the next mark is set this
 // far beyond the total that passed the last one.
 constexpr uint64_t QVSizeReportStep = 209715200;  // 200 MiB
-
-std::string lastPathComponent(const std::string& path) {
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
 
 // Status lines go through the folder list on the main thread, after the caller.
 void postStatus(const QVRecordRef& face, std::string text, bool error) {
@@ -102,7 +96,7 @@ long sanityCheckFolderFace(const QVRecordRef& face, QVError* error) {
     FolderRef folder{folderRecord};
     DiskInfoRef diskinfo{folder.diskinfo().as<QVRecord>()};
     const std::string mountpoint = folder.mountpoint().toURLPath();
-    const std::string name = lastPathComponent(mountpoint);
+    const std::string name = QVLastPathComponent(mountpoint);
     const std::string imagePath = diskinfo.url().toURLPath();
 
     if (!folder.encrypted().toBool()) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -232,12 +233,6 @@ int folderFileCountAtLeast(const std::string& path, uint64_t count) {
 
 namespace {
 
-std::string lastComponent(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // Folders that are routinely closed to their owner; not reading them is no news.
 bool isExemptFromAccessWarning(const std::string& name) {
     static const std::set<std::string> exempt{".Trashes", ".DocumentRevisions-V100", "lost+found"};
@@ -335,8 +330,8 @@ int64_t fastFolderSizeAtFSRef(const std::string& path, const QVSizeCancelBlock& 
     }
     if (!S_ISDIR(st.st_mode)) return static_cast<int64_t>(st.st_size);
     DirHandle dir = openDirAt(AT_FDCWD, path.c_str());
-    if (!dir) return walk.unreadable(errno, lastComponent(path));
-    return walk.folder(dir.get(), lastComponent(path));
+    if (!dir) return walk.unreadable(errno, QVLastPathComponent(path));
+    return walk.folder(dir.get(), QVLastPathComponent(path));
 }
 
 } // namespace qv

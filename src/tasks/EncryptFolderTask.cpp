@@ -26,6 +26,7 @@
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -37,19 +38,8 @@ constexpr const char* kTrashedText =
     "The original folder has been placed in the Trash.\n\nYou can securely delete it by selecting \"Secure Empty "
     "Trash...\" from the Finder menu.";
 
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
-
 std::string parentOf(const std::string& path) {
-    const std::string p = trimmed(path);
+    const std::string p = QVTrimmedPath(path);
     const size_t slash = p.rfind('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : p.substr(0, slash);
@@ -110,11 +100,11 @@ std::string ensureHomeTrash(int* code, std::string* why) {
 bool isInATrash(const std::string& path, const std::string& homeTrash) {
     if (path.empty() || path.front() != '/') return false;
     const std::string dir = parentOf(path);
-    if (lastComponent(dir) != "files") return false;
+    if (QVLastPathComponent(dir) != "files") return false;
     const std::string trash = parentOf(dir);
     const std::string uid = std::to_string(::getuid());
-    return trash == homeTrash || lastComponent(trash) == ".Trash-" + uid ||
-           (lastComponent(trash) == uid && lastComponent(parentOf(trash)) == ".Trash");
+    return trash == homeTrash || QVLastPathComponent(trash) == ".Trash-" + uid ||
+           (QVLastPathComponent(trash) == uid && QVLastPathComponent(parentOf(trash)) == ".Trash");
 }
 
 // Moves the item to the desktop Trash. Runs on the main thread; sets `done`
@@ -147,7 +137,7 @@ void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutco
             QV_LOG_ERROR(QVFormat("the Trash put '%s' at '%s'", path.c_str(), where.c_str()));
             if (QVRenameNoReplaceAt(AT_FDCWD, where.c_str(), AT_FDCWD, path.c_str()) == 0) {
                 // Its note of where it came from goes with it.
-                const std::string info = parentOf(parentOf(where)) + "/info/" + lastComponent(where) + ".trashinfo";
+                const std::string info = parentOf(parentOf(where)) + "/info/" + QVLastPathComponent(where) + ".trashinfo";
                 ::unlink(info.c_str());
                 trashed = false;
                 code = QVErrorFailed;
@@ -198,13 +188,13 @@ void EncryptFolderTask::removeTempFolder(const std::string& path) {
 
 std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderFace) {
     const QVRecordRef folder = FolderFaceRef{folderFace}.folder().as<QVRecord>();
-    const std::string url = trimmed(FolderRef{folder}.mountpoint().toURLPath());
-    const std::string name = lastComponent(url);
+    const std::string url = QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string name = QVLastPathComponent(url);
 
     const Value setting = QVUserDefaults::standardUserDefaults().objectForKey(kDestinationKey);
     std::string destination = setting.isURL() ? setting.toURLPath() : setting.isString() ? setting.toString() : "";
     if (destination.rfind("file://", 0) == 0) destination = destination.substr(7);
-    destination = trimmed(destination);
+    destination = QVTrimmedPath(destination);
     if (!destination.empty()) {
         struct stat st;
         const bool exists = ::stat(destination.c_str(), &st) == 0;
@@ -223,8 +213,8 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     DBSubdbRef subdb = QVRecordGetSubdb(folder);
     if (!subdb) subdb = face.subdb().as<DBSubdb>();
     // Kept as text: the Trash step takes the folder away from this path.
-    const std::string mountpointPath = trimmed(f.mountpoint().toURLPath());
-    const std::string name = lastComponent(mountpointPath);
+    const std::string mountpointPath = QVTrimmedPath(f.mountpoint().toURLPath());
+    const std::string name = QVLastPathComponent(mountpointPath);
     // A folder's custom icon lives inside it here (".directory" and its image),
     // so it travels into the image with the contents and shows whenever the
     // folder is unlocked. The empty folder left behind can't wear it: a mount
@@ -299,8 +289,8 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     if (!error) {
         DiskInfoRef info{diskInfo};
         const std::string from = info.url().toURLPath();
-        const std::string storageDir = trimmed(StorageRef{storage}.url().toURLPath());
-        const std::string to = storageDir + "/" + lastComponent(from);
+        const std::string storageDir = QVTrimmedPath(StorageRef{storage}.url().toURLPath());
+        const std::string to = storageDir + "/" + QVLastPathComponent(from);
         const int err = QVRenameNoReplaceAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str());
         if (err == 0) {
             syncDirectory(storageDir);

@@ -20,6 +20,7 @@
 #include "ui/logic/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -94,11 +95,6 @@ bool anySpelling(const std::vector<std::string>& a, const std::string& b, Test t
 
 bool endsWith(const std::string& s, const std::string& suffix) {
     return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-std::string lastComponent(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 std::string homeDirectory() {
@@ -242,7 +238,7 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
         }
         return true;
     }
-    const std::string name = lastComponent(path);
+    const std::string name = QVLastPathComponent(path);
     // A folder of the set is refused as such before anything else is said of it.
     if (isFolderOfTheSet(forms))
         return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
@@ -344,7 +340,7 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
         return refuse(error, QVErrorRefused,
                       "At this time Quillvane does not support encrypting folders on network drives.");
     }
-    const std::string name = lastComponent(path);
+    const std::string name = QVLastPathComponent(path);
     if (isFolderOfTheSet(forms))
         return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
     if (endsWith(path, ".app"))

@@ -13,6 +13,7 @@
 #include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
+#include "toolkit/PathText.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
 #include "vault/FolderState.h"
@@ -28,13 +29,6 @@ constexpr int64_t kOpenItemAction = 1;
 std::string folderPath(const QVRecordRef& face) {
     FolderRef folder{FolderFaceRef{face}.folder().as<QVRecord>()};
     return folder ? folder.mountpoint().toURLPath() : std::string();
-}
-
-std::string folderName(const std::string& path) {
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
 // Lower case for ASCII letters; other bytes as they are (names are not always UTF-8).
@@ -294,7 +288,7 @@ std::vector<QVRecordRef> FolderList::arrangedFaces() const {
     const std::string needle = folded(search_);
     std::vector<QVRecordRef> rows;
     for (const auto& face : faces_)
-        if (folded(folderName(folderPath(face))).find(needle) != std::string::npos) rows.push_back(face);
+        if (folded(QVLastPathComponent(folderPath(face))).find(needle) != std::string::npos) rows.push_back(face);
     return rows;
 }
 
