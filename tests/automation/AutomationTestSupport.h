@@ -52,12 +52,15 @@ private:
     std::optional<std::string> old_;
 };
 
-// Children started by a test; each is sent SIGKILL and reaped when the object
-// goes, whatever happened to the test.
+// Children started by a test, each in a process group of its own; each group
+// is sent SIGKILL and the child reaped when the object goes, whatever
+// happened to the test.
 class Children {
 public:
-    ~Children() {
+    ~Children() { stopAll(); }
+    void stopAll() {
         for (pid_t pid : pids_) stop(pid);
+        pids_.clear();
     }
     pid_t start(const std::vector<std::string>& argv, const std::string& cwd = "") {
         std::vector<char*> args;
@@ -67,15 +70,22 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
         if (!cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+        // A group of its own, so that whatever it starts goes with it.
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+        posix_spawnattr_setpgroup(&attr, 0);
         pid_t pid = -1;
-        if (::posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, args.data(), environ) != 0) pid = -1;
+        if (::posix_spawn(&pid, argv[0].c_str(), &actions, &attr, args.data(), environ) != 0) pid = -1;
+        posix_spawnattr_destroy(&attr);
         posix_spawn_file_actions_destroy(&actions);
         if (pid > 0) pids_.push_back(pid);
         return pid;
     }
-    // SIGKILL and reap.
+    // SIGKILL to the child's group, and reap the child.
     static void stop(pid_t pid) {
         if (pid <= 0) return;
+        ::kill(-pid, SIGKILL);
         ::kill(pid, SIGKILL);
         int status = 0;
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {

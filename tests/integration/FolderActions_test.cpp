@@ -1,0 +1,149 @@
+// Folder actions around real unlocks and locks: an application that won't
+// quit holds a lock back, a Lock Folder action without its folder refuses the
+// lock, unlocking one folder unlocks (and locking locks) the folders its
+// actions name, and an unlock waits for an application it would open.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "automation/ActionsManager.h"
+#include "automation/RunningApplications.h"
+#include "integration/FolderTaskTestSupport.h"
+#include "tasks/LockFolderTask.h"
+#include "tasks/UnlockFolderTask.h"
+
+namespace fs = std::filesystem;
+using namespace qv;
+using namespace qv::test;
+
+namespace {
+
+class FolderActions : public FolderTaskTest {
+protected:
+    OperationResult unlock(const std::string& name) {
+        return run(UnlockFolderTask::taskWithFolderFace(face(name), false));
+    }
+    OperationResult lock(const std::string& name) { return run(LockFolderTask::taskWithFolderFace(face(name))); }
+    static bool running(const std::string& id) {
+        return !QVRunningApplication::runningApplicationsWithBundleIdentifier(id).empty();
+    }
+};
+
+} // namespace
+
+TEST_F(FolderActions, AnApplicationThatWontQuitHoldsTheLockBack) {
+    const QVRecordRef work = addFolder("Work");
+    show();
+    ASSERT_FALSE(unlock("Work"));
+    const std::string stubborn = apps.script("qv-stubborn", "trap '' TERM\nwhile :; do sleep 0.2; done");
+    const std::string entry = apps.writeApplication("stubborn.desktop", "Stubborn", stubborn);
+    const pid_t pid = children.start({stubborn});
+    ASSERT_TRUE(eventually([] { return running("stubborn.desktop"); }));
+    setList(work, true, {action(QVActionQuit, entry, Value("stubborn.desktop"))});
+
+    OperationResult result = lock("Work");
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->code, QVErrorActionFailed);
+    const std::string why =
+        "Could not close the application: stubborn. In order to avoid possible data loss, folder lock has been "
+        "cancelled";
+    EXPECT_EQ(result->description, why);
+    EXPECT_TRUE(mounted("Work")) << "the lock was held back";
+    EXPECT_FALSE(children.exited(pid)) << "asked, never forced";
+    EXPECT_FALSE(FolderFaceRef{face("Work")}.lockErrorDate().isNull());
+    EXPECT_FALSE(FolderFaceRef{face("Work")}.progressAnimate().toBool());
+    ASSERT_EQ(notifications.texts(1).size(), 1u);
+    EXPECT_EQ(notifications.texts(1)[0], "The folder 'Work' cannot be locked, because last action failed with error:\n" + why);
+    EXPECT_TRUE(notifications.shown().back().sticky);
+
+    // A Lock Folder action whose folder has left the set, last in the list: the
+    // run goes on to its end, and the task still refuses the lock.
+    setList(work, true, {action(QVActionLockFolder, folderPath("Gone"))});
+    result = lock("Work");
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->description, "Folder not found in the database: Work");
+    EXPECT_TRUE(mounted("Work"));
+
+    // An application that does quit lets the lock through.
+    children.stopAll();
+    const std::string obliging = apps.sleeper("qv-obliging");
+    const std::string obligingEntry = apps.writeApplication("obliging.desktop", "Obliging", obliging + " 600");
+    const pid_t quitter = children.start({obliging, "600"});
+    ASSERT_TRUE(eventually([] { return running("obliging.desktop"); }));
+    setList(work, true, {action(QVActionQuit, obligingEntry, Value("obliging.desktop"))});
+    result = lock("Work");
+    EXPECT_FALSE(result) << result->description;
+    EXPECT_TRUE(children.exited(quitter));
+    EXPECT_FALSE(mounted("Work"));
+    EXPECT_TRUE(FolderFaceRef{face("Work")}.lockErrorDate().isNull());
+}
+
+TEST_F(FolderActions, UnlockingAFolderUnlocksTheFoldersItsActionsNameAndLockingLocksThem) {
+    const QVRecordRef a = addFolder("Alpha");
+    const QVRecordRef b = addFolder("Beta");
+    addFolder("Gamma");
+    show();
+    const std::string marker = apps.path("beta-opened");
+    const std::string probe = apps.writeApplication(
+        "probe.desktop", "Probe", apps.script("qv-probe", "touch '" + marker + "'"));
+    // Alpha and Beta unlock each other; Beta's own list opens the probe.
+    setList(a, false, {action(QVActionUnlockFolder, folderPath("Beta"))});
+    setList(b, false, {action(QVActionOpen, probe, Value("probe.desktop")),
+                       action(QVActionUnlockFolder, folderPath("Alpha"))});
+    setList(a, true, {action(QVActionLockFolder, folderPath("Beta"))});
+
+    OperationResult result = unlock("Alpha");
+    ASSERT_FALSE(result) << result->description;
+    EXPECT_TRUE(mounted("Alpha"));
+    EXPECT_TRUE(mounted("Beta"));
+    EXPECT_FALSE(mounted("Gamma"));
+    EXPECT_TRUE(eventually([&] { return fs::exists(marker); })) << "Beta's own actions ran";
+    // Depth first: Beta was done before Alpha went on.
+    EXPECT_EQ(notifications.texts(0), (std::vector<std::string>{"Unlocked 'Beta'.", "Unlocked 'Alpha'."}));
+    EXPECT_FALSE(FolderFaceRef{face("Beta")}.locked().toBool());
+
+    result = lock("Alpha");
+    ASSERT_FALSE(result) << result->description;
+    EXPECT_FALSE(mounted("Alpha"));
+    EXPECT_FALSE(mounted("Beta"));
+    const auto infos = notifications.texts(0);
+    ASSERT_EQ(infos.size(), 4u);
+    EXPECT_EQ(infos[2], "Locked 'Beta'.");
+    EXPECT_EQ(infos[3], "Locked 'Alpha'.");
+    EXPECT_TRUE(notifications.texts(1).empty());
+}
+
+TEST_F(FolderActions, AnUnlockWaitsForTheApplicationsItWouldOpenAndSurvivesAFailingAction) {
+    const QVRecordRef notes = addFolder("Notes");
+    show();
+    const std::string viewer = apps.script("qv-viewer", "if [ \"$1\" = stay ]; then while :; do sleep 0.2; done; fi");
+    const std::string entry = apps.writeApplication("viewer.desktop", "Viewer", viewer);
+    setList(notes, false, {action(QVActionOpen, entry, Value("viewer.desktop"))});
+    children.start({viewer, "stay"});
+    ASSERT_TRUE(eventually([] { return running("viewer.desktop"); }));
+    FolderList::singleton().setStatusText("as it was", false, face("Notes"));
+
+    OperationResult result = unlock("Notes");
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->code, QVErrorUnlockRefused);
+    const std::string refusal =
+        "Failed to unlock folder Notes.\nThe folder cannot be unlocked while the application Viewer  is running. "
+        "Please, close Viewer and try again.";
+    EXPECT_EQ(result->description, refusal);
+    EXPECT_FALSE(mounted("Notes"));
+    EXPECT_EQ(FolderFaceRef{face("Notes")}.statusText().toString(), "as it was");
+    EXPECT_EQ(notifications.texts(1), std::vector<std::string>{refusal});
+    EXPECT_FALSE(notifications.shown().back().sticky);
+
+    // An action that fails is reported, and the folder is unlocked all the same.
+    children.stopAll();
+    const std::string missing = apps.path("not there.txt");
+    setList(notes, false, {action(QVActionOpen, missing)});
+    result = unlock("Notes");
+    EXPECT_FALSE(result) << result->description;
+    EXPECT_TRUE(mounted("Notes"));
+    EXPECT_EQ(notifications.texts(1).back(), "Last configured action failed with error:\nCouldn't open: " + missing);
+    EXPECT_TRUE(notifications.shown()[notifications.shown().size() - 2].sticky);
+    EXPECT_EQ(notifications.texts(0).back(), "Unlocked 'Notes'.") << "told after the actions ran";
+    ASSERT_FALSE(lock("Notes"));
+}

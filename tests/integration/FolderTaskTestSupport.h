@@ -1,0 +1,79 @@
+#pragma once
+// What the unlocking, locking and folder-action tests share: folders with real
+// images in a Folder Set that the folder list shows (so that actions find their
+// target folders), tasks run on the process's task queue while the main thread
+// turns its loop, applications of their own, and the messages the tasks showed.
+// Children are stopped and the list emptied before the sandbox takes every
+// mount down, whatever happened to the test.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "app/TaskQueue.h"
+#include "automation/AutomationTestSupport.h"
+#include "disk/FileSystemVolumes.h"
+#include "integration/DiskMasterTestSupport.h"
+#include "tasks/BaseFolderTask.h"
+#include "ui/logic/FolderList.h"
+
+namespace qv::test {
+
+class FolderTaskTest : public DiskMasterTest {
+protected:
+    void TearDown() override {
+        children.stopAll();
+        FolderList::singleton().returnSubDB();
+        DiskMasterTest::TearDown();
+    }
+
+    std::string folderPath(const std::string& name) const { return sandbox.path("folders/" + name); }
+
+    // An encrypted folder of the set with its image (volume label "Vol");
+    // returns its record.
+    QVRecordRef addFolder(const std::string& name) {
+        QVRecordRef face = makeFace(folderPath(name));
+        createImageFor(face);
+        FolderRef{folderOf(face)}.setEncrypted(Value(true));
+        return folderOf(face);
+    }
+    // Shows the set in the folder list; call once every folder is added.
+    void show() { FolderList::singleton().loadSubdb(subdb); }
+    // The list's face of the folder.
+    QVRecordRef face(const std::string& name) const {
+        for (const auto& f : FolderList::singleton().faces())
+            if (FolderRef{folderOf(f)}.mountpoint().toURLPath() == folderPath(name)) return f;
+        ADD_FAILURE() << "no face for " << name;
+        return nullptr;
+    }
+
+    // Queues the task's operation as the application does and waits for it.
+    OperationResult run(const OperationRef& operation) {
+        QVError error;
+        EXPECT_TRUE(addFolderTask(QVAppOperationQueue(), operation, &error)) << error.description;
+        EXPECT_TRUE(processEventsUntil([&] { return operation->isFinished(); }, 10 * 60 * 1000));
+        processEventsFor(50);  // what the task posted without waiting
+        return operation->result();
+    }
+
+    bool mounted(const std::string& name) const { return isVolumeAtURL(folderPath(name), nullptr); }
+
+    static void setList(const QVRecordRef& folder, bool lock, const std::vector<QVRecordRef>& actions) {
+        Array items;
+        for (const auto& a : actions) items.push_back(Value(a));
+        if (lock)
+            FolderRef{folder}.setLockActions(Value::newArray(items));
+        else
+            FolderRef{folder}.setUnlockActions(Value::newArray(items));
+    }
+    static QVRecordRef action(int64_t code, const std::string& url, Value parameter = Value()) {
+        QVRecordRef a = QVFolderActionCreate(URLValue{url}, code);
+        FolderActionRef{a}.setParameter(parameter);
+        return a;
+    }
+
+    ApplicationsSandbox apps;
+    Children children;
+    RecordedNotifications notifications;
+};
+
+} // namespace qv::test
