@@ -27,6 +27,9 @@ const char* kUsage =
     "  qv unlock <folder>... [--open] mount each folder's image on its path\n"
     "  qv lock <folder>...            take each folder's image away again\n"
     "  qv status                      every folder: state, size, whether a task runs\n"
+    "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
+    "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
+    "  qv actions <folder> remove unlock|lock <number>\n"
     "  Ctrl-C cancels a running task; the folder is left as it was.\n"
     "\n"
     "  --verbose          also print the log on standard error\n"
@@ -65,6 +68,7 @@ int main(int argc, char** argv) {
     if (command == "unlock") return qv::cli::cmdUnlock(args);
     if (command == "lock") return qv::cli::cmdLock(args);
     if (command == "status") return qv::cli::cmdStatus(args);
+    if (command == "actions") return qv::cli::cmdActions(args);
     if (command == "help") {
         std::fputs(kUsage, stdout);
         return qv::cli::ExitOK;
