@@ -1,11 +1,9 @@
-// The actions screen's logic and the actions cache: duplicates, the folders
-// offered as targets, the dependency-cycle test with its refusals, rows, and
-// what OK and Cancel leave behind.
+// The actions screen's logic and the actions cache: the dependency-cycle test
+// and its refusals, one action per item in a list, the folders offered as
+// targets, and what Cancel and OK leave behind.
 #include "automation/FolderActionsEditor.h"
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include "automation/ActionsCache.h"
 #include "automation/ActionsManager.h"
@@ -16,6 +14,7 @@
 
 using namespace qv;
 using namespace qv::test;
+using Result = FolderActionsEditor::AddResult;
 
 namespace {
 
@@ -23,32 +22,17 @@ class FolderActionsEditorTest : public ::testing::Test {
 protected:
     void SetUp() override {
         qtApp();
-        storage = QVStorageCreate("Default", URLValue{apps.path("storage")});
-        for (const char* name : {"A", "B", "C"}) {
-            QVRecordRef f = QVFolderCreate(storage, URLValue{apps.path(name)});
-            folders.push_back(f);
-        }
+        for (const char* name : {"A", "B", "C"})
+            folders.push_back(QVFolderCreate(QVStorageCreate("Default", URLValue{"/s"}), URLValue{path(name)}));
         subdb = DBSubdb::subdbWithFolders(folders, "pw");
         for (const auto& f : folders) QVRecordSetSubdb(f, subdb);
     }
     void TearDown() override { ActionsCache::actionsCache().clear(); }
-
-    std::string path(int i) const { return apps.path(std::string(1, char('A' + i))); }
-    // Adds an action to a folder's list directly, as an earlier session would have.
-    void aim(int from, int to, bool lock) {
-        FolderActionsEditor(folders[from]).actions(lock)->push_back(
-            Value(QVFolderActionCreate(URLValue{path(to)}, lock ? QVActionLockFolder : QVActionUnlockFolder)));
-    }
-    static std::vector<std::string> names(const std::vector<QVRecordRef>& list) {
-        std::vector<std::string> out;
-        for (const auto& f : list)
-            out.push_back(std::filesystem::path(FolderRef{f}.mountpoint().toURLPath()).filename().string());
-        return out;
-    }
+    static std::string path(const std::string& name) { return "/folders/" + name; }
+    FolderActionsEditor editor(int i) { return FolderActionsEditor(folders[i]); }
 
     ApplicationsSandbox apps;
     RecordedNotifications notifications;
-    QVRecordRef storage;
     std::vector<QVRecordRef> folders;
     DBSubdbRef subdb;
 };
@@ -56,110 +40,70 @@ protected:
 } // namespace
 
 TEST_F(FolderActionsEditorTest, TheCycleTestLooksOnlyAtWhoPointsAtThisFolder) {
-    FolderActionsEditor a(folders[0]);
-    FolderActionsEditor b(folders[1]);
-    EXPECT_FALSE(a.hasCircularDependenciesForActions(nullptr));
     // Two folders that unlock each other pass.
-    EXPECT_EQ(a.addFolderActionWithURL(path(1), false), FolderActionsEditor::AddResult::Added);
-    EXPECT_EQ(b.addFolderActionWithURL(path(0), false), FolderActionsEditor::AddResult::Added);
-
-    // C locks A; B, earlier in the set, unlocks A: the walk ends at B, and A
-    // may still take folder actions.
-    aim(2, 0, true);
-    EXPECT_EQ(a.addFolderActionWithURL(path(2), true), FolderActionsEditor::AddResult::Added);
-    // Without B's reference, A takes none, in either list.
-    b.actions(false)->clear();
-    EXPECT_EQ(a.addFolderActionWithURL(path(2), false), FolderActionsEditor::AddResult::WouldCycle);
-    EXPECT_EQ(a.addFolderActionWithURL(path(1), true), FolderActionsEditor::AddResult::WouldCycle);
+    EXPECT_EQ(editor(0).addFolderActionWithURL(path("B"), false), Result::Added);
+    EXPECT_EQ(editor(1).addFolderActionWithURL(path("A"), false), Result::Added);
+    // C locks A, but B, earlier in the set, unlocks A: the walk ends at B.
+    editor(2).actions(true)->push_back(Value(QVFolderActionCreate(URLValue{path("A")}, QVActionLockFolder)));
+    EXPECT_EQ(editor(0).addFolderActionWithURL(path("C"), true), Result::Added);
+    // Without B's reference A takes no folder action, in either list; Open and Quit still go in.
+    editor(1).actions(false)->clear();
+    EXPECT_EQ(editor(0).addFolderActionWithURL(path("C"), false), Result::WouldCycle);
+    EXPECT_EQ(editor(0).addFolderActionWithURL(path("B"), true), Result::WouldCycle);
+    EXPECT_EQ(editor(0).actions(true)->size(), 1u);
+    EXPECT_EQ(editor(0).actions(false)->size(), 1u);
+    EXPECT_TRUE(editor(0).addOpenActionWithURL("/notes.txt", true));
     processEventsFor(20);
-    EXPECT_EQ(notifications.texts(1),
-              (std::vector<std::string>{FolderActionsEditor::kCycleAlert, FolderActionsEditor::kCycleAlert}));
-    EXPECT_EQ(a.actions(true)->size(), 1u) << "a refused action isn't added";
-    EXPECT_EQ(a.actions(false)->size(), 1u);
-    // Open and Quit actions never go through the test.
-    EXPECT_TRUE(a.addOpenActionWithURL(apps.path("notes.txt"), true));
+    EXPECT_EQ(notifications.texts(1), std::vector<std::string>(2, FolderActionsEditor::kCycleAlert));
 
-    // Any action whose URL is A's counts, whatever its code.
+    // Any action aimed at A counts, whatever its code; chains aren't followed,
+    // so three folders may unlock each other in a ring.
     for (auto& f : folders) {
-        FolderRef{f}.setLockActions(Value::newArray());
+        FolderRef{f}.setLockActions(Value());
         FolderRef{f}.setUnlockActions(Value());
     }
-    FolderActionsEditor(folders[2]).actions(true)->push_back(Value(QVFolderActionCreate(URLValue{path(0)}, QVActionQuit)));
-    EXPECT_TRUE(a.hasCircularDependenciesForActions(nullptr));
-    FolderRef{folders[2]}.setLockActions(Value::newArray());
-    // Only direct references count: A, B and C unlocking each other in a ring pass.
-    EXPECT_EQ(a.addFolderActionWithURL(path(1), false), FolderActionsEditor::AddResult::Added);
-    EXPECT_EQ(b.addFolderActionWithURL(path(2), false), FolderActionsEditor::AddResult::Added);
-    EXPECT_EQ(FolderActionsEditor(folders[2]).addFolderActionWithURL(path(0), false),
-              FolderActionsEditor::AddResult::Added);
+    editor(2).actions(true)->push_back(Value(QVFolderActionCreate(URLValue{path("A")}, QVActionQuit)));
+    EXPECT_TRUE(editor(0).hasCircularDependenciesForActions(nullptr));
+    editor(2).actions(true)->clear();
+    EXPECT_EQ(editor(0).addFolderActionWithURL(path("B"), false), Result::Added);
+    EXPECT_EQ(editor(1).addFolderActionWithURL(path("C"), false), Result::Added);
+    EXPECT_EQ(editor(2).addFolderActionWithURL(path("A"), false), Result::Added);
 }
 
-TEST_F(FolderActionsEditorTest, EachListKeepsOneActionPerItemAndOffersTheFoldersItDoesntName) {
-    FolderActionsEditor a(folders[0]);
-    EXPECT_TRUE(a.folderItemsEnabled());
-    EXPECT_EQ(names(a.candidateFolders(false)), (std::vector<std::string>{"B", "C"})) << "never the folder itself";
-
-    EXPECT_EQ(a.addFolderActionWithURL(path(1), false), FolderActionsEditor::AddResult::Added);
-    EXPECT_EQ(a.addFolderActionWithURL(path(1) + "/", false), FolderActionsEditor::AddResult::Duplicate);
-    EXPECT_EQ(names(a.candidateFolders(false)), std::vector<std::string>{"C"});
-    EXPECT_EQ(names(a.candidateFolders(true)), (std::vector<std::string>{"B", "C"}));
-    EXPECT_TRUE(FolderActionsEditor::folderHasActionForFolder(folders[0], folders[1], false));
-    EXPECT_FALSE(FolderActionsEditor::folderHasActionForFolder(folders[0], folders[1], true));
-
-    // The same item twice in one list is dropped; across the lists it is not.
-    const std::string app = apps.writeApplication("tool.desktop", "Tool", "/bin/true");
-    EXPECT_TRUE(a.addOpenActionWithURL(app, false));  // Quit, in the lock list
-    EXPECT_FALSE(a.addOpenActionWithURL(app, false));
-    EXPECT_TRUE(a.addOpenActionWithURL(app, true));  // Open, in the unlock list
-    ASSERT_EQ(a.lockActions()->size(), 1u);
+TEST_F(FolderActionsEditorTest, EachListHoldsAnItemOnceAndCancelKeepsWhatWasEdited) {
+    FolderActionsEditor a = editor(0);
+    EXPECT_EQ(a.addFolderActionWithURL(path("B"), false), Result::Added);
+    EXPECT_EQ(a.addFolderActionWithURL(path("B") + "/", false), Result::Duplicate);
+    EXPECT_EQ(a.candidateFolders(false).size(), 1u) << "C only: never A itself, nor B again";
+    EXPECT_EQ(a.candidateFolders(true).size(), 2u);
+    // The same item twice in one list is dropped; across the lists it isn't.
+    const std::string tool = apps.writeApplication("tool.desktop", "Tool", "/bin/true");
+    EXPECT_TRUE(a.addOpenActionWithURL(tool, false));
+    EXPECT_FALSE(a.addOpenActionWithURL(tool, false));
+    EXPECT_TRUE(a.addOpenActionWithURL(tool, true));
     FolderActionRef quit{a.lockActions()->front().as<QVRecord>()};
     EXPECT_EQ(quit.action().toInt(), QVActionQuit);
-    EXPECT_EQ(quit.priority().toInt(), 1);
     EXPECT_EQ(quit.parameter().toString(), "tool.desktop") << "an application is named by its id";
-    EXPECT_TRUE(a.addOpenActionWithURL(apps.path("notes.txt"), true));
-    EXPECT_TRUE(FolderActionRef{a.unlockActions()->back().as<QVRecord>()}.parameter().isNull());
-
-    // Rows in list order, with their words and icons.
     const auto rows = a.rows(false);
-    ASSERT_EQ(rows.size(), 3u);
-    EXPECT_EQ(rows[0].name, "B");
-    EXPECT_EQ(rows[0].word, "Unlock Folder");
-    EXPECT_EQ(rows[0].icon, "action-unlock.png");
-    EXPECT_EQ(rows[1].name, "Tool");
-    EXPECT_EQ(rows[1].word, "Open");
-    EXPECT_EQ(rows[2].name, "notes.txt");
-    EXPECT_EQ(a.rows(true)[0].icon, "action-close.icns");
-    EXPECT_EQ(FolderActionsEditor::nameForURL(""), "");
-    EXPECT_EQ(FolderActionsEditor::nameForURL(apps.path("Old.app")), "Quillvane") << "a bundle without a name";
-
-    // Deleting only within bounds.
-    EXPECT_FALSE(a.deleteAction(3, false));
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].name + "|" + rows[0].word + "|" + rows[0].icon, "B|Unlock Folder|action-unlock.png");
+    EXPECT_EQ(rows[1].name + "|" + rows[1].word, "Tool|Open");
+    EXPECT_EQ(FolderActionsEditor::nameForURL("/old/Thing.app"), "Quillvane") << "no entry: our own name";
+    EXPECT_EQ(FolderActionsEditor::nameForURL("/docs/notes.txt"), "notes.txt");
+    EXPECT_FALSE(a.deleteAction(2, false));
     EXPECT_TRUE(a.deleteAction(0, false));
-    EXPECT_EQ(a.rows(false)[0].name, "Tool");
-}
 
-TEST_F(FolderActionsEditorTest, CancelKeepsTheEditsInMemoryAndOkHandsThemToTheCache) {
+    // Cancel undoes nothing; OK hands the folder's own arrays to the cache,
+    // even when the set can't be saved (it belongs to no database here).
+    a.cancel();
     ActionsCache& cache = ActionsCache::actionsCache();
-    FolderRef a{folders[0]};
-    a.setLockActions(Value());  // a record that came without its list
-    FolderActionsEditor editor(folders[0]);
-    editor.addFolderActionWithURL(path(1), true);
-    editor.cancel();
-    ASSERT_TRUE(a.lockActions().toArray());
-    EXPECT_EQ(a.lockActions().toArray()->size(), 1u);
-    EXPECT_FALSE(cache.lockActionsForURL(path(0)));
-
-    editor.done();  // the set belongs to no database: the save fails, the cache still learns
-    EXPECT_EQ(cache.lockActionsForURL(path(0)), a.lockActions().toArray()) << "the folder's own array";
-    EXPECT_EQ(cache.unlockActionsForURL(path(0)), a.unlockActions().toArray());
-    editor.addOpenActionWithURL(apps.path("x.txt"), true);
-    EXPECT_EQ(cache.unlockActionsForURL(path(0))->size(), 1u) << "later edits show through";
-
-    // Empty paths and absent folders or lists change nothing.
+    EXPECT_FALSE(cache.lockActionsForURL(path("A")));
+    a.done();
+    EXPECT_EQ(cache.lockActionsForURL(path("A")), a.lockActions());
+    EXPECT_EQ(cache.unlockActionsForURL(path("A"))->size(), 1u);
     cache.setActionsForFolder(nullptr);
-    cache.setActions(nullptr, path(1), cache.lockActions());
+    cache.setActions(nullptr, path("B"), cache.lockActions());
     cache.setActions(std::make_shared<Array>(), "", cache.lockActions());
-    EXPECT_FALSE(cache.actionsForURL("", cache.lockActions()));
-    EXPECT_FALSE(cache.lockActionsForURL(path(1)));
     EXPECT_EQ(cache.lockActions().size(), 1u);
+    EXPECT_FALSE(cache.actionsForURL("", cache.lockActions()));
 }

@@ -57,20 +57,6 @@ protected:
 
     bool mounted(const std::string& name) const { return isVolumeAtURL(folderPath(name), nullptr); }
 
-    static void setList(const QVRecordRef& folder, bool lock, const std::vector<QVRecordRef>& actions) {
-        Array items;
-        for (const auto& a : actions) items.push_back(Value(a));
-        if (lock)
-            FolderRef{folder}.setLockActions(Value::newArray(items));
-        else
-            FolderRef{folder}.setUnlockActions(Value::newArray(items));
-    }
-    static QVRecordRef action(int64_t code, const std::string& url, Value parameter = Value()) {
-        QVRecordRef a = QVFolderActionCreate(URLValue{url}, code);
-        FolderActionRef{a}.setParameter(parameter);
-        return a;
-    }
-
     ApplicationsSandbox apps;
     Children children;
     RecordedNotifications notifications;
