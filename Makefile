@@ -4,7 +4,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 GEN        := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build run check test asan bench clean
+.PHONY: all deps build run check test asan bench bench-image bench-encrypt clean
 
 all: build
 
@@ -39,3 +39,7 @@ clean:
 # Throughput of a qv-image volume against fuse2fs, gocryptfs, CryFS and the plain disk (not part of check).
 bench-image: build
 	QV_IMAGE=$(BUILD)/src/qv-image bench/image_bench.sh
+
+# Encrypting a folder with qv against cp -a into a mounted image (not part of check).
+bench-encrypt: build
+	bench/encrypt_bench.sh $(BUILD)
