@@ -12,6 +12,7 @@
 #include "tasks/LockFolderTask.h"
 #include "tasks/UnlockFolderTask.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
 #include "vault/Schemas.h"
@@ -22,23 +23,12 @@ namespace {
 
 constexpr const char* kFolderNotFound = "Folder not found in the database";
 
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastPathComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
-
 std::string withoutExtension(const std::string& name) {
     const size_t dot = name.rfind('.');
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
-std::string mountpointOf(const QVRecordRef& folder) { return trimmed(FolderRef{folder}.mountpoint().toURLPath()); }
+std::string mountpointOf(const QVRecordRef& folder) { return QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath()); }
 
 // The folders whose action lists are running on this thread, outermost first:
 // a chain of Unlock and Lock Folder actions runs on one thread, depth first.
@@ -136,7 +126,7 @@ bool ActionsManager::executeClose(const QVRecordRef& action, const QVRecordRef& 
     if (instances.empty()) return true;
 
     const QVRecordRef face = faceForFolder(mountpointOf(folder));
-    const std::string name = withoutExtension(lastPathComponent(a.url().toURLPath()));
+    const std::string name = withoutExtension(QVLastPathComponent(a.url().toURLPath()));
     for (const QVRunningApplication& instance : instances) {
         const std::string status = QVFormat("Closing %s...", name.c_str());
         performBlockOnMainThread(
@@ -159,7 +149,7 @@ bool ActionsManager::executeClose(const QVRecordRef& action, const QVRecordRef& 
 }
 
 bool ActionsManager::executeUnlock(const QVRecordRef& action, const QVRecordRef& folder, QVError* error) {
-    const std::string target = trimmed(FolderActionRef{action}.url().toURLPath());
+    const std::string target = QVTrimmedPath(FolderActionRef{action}.url().toURLPath());
     if (RunningActions::contains(target)) {
         QVLogInfo(QVFormat("'%s' is already being unlocked further up this chain", target.c_str()));
         if (error) *error = QVError();
@@ -168,7 +158,7 @@ bool ActionsManager::executeUnlock(const QVRecordRef& action, const QVRecordRef&
     const QVRecordRef face = faceForFolder(target);
     if (!face) {
         QVSetAppError(error, QVErrorActionFailed,
-                      QVFormat("%s: %s", kFolderNotFound, lastPathComponent(mountpointOf(folder)).c_str()));
+                      QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(mountpointOf(folder)).c_str()));
         return false;
     }
     const OperationResult result = std::make_shared<UnlockFolderTask>()->go(face);
@@ -177,7 +167,7 @@ bool ActionsManager::executeUnlock(const QVRecordRef& action, const QVRecordRef&
 }
 
 bool ActionsManager::executeLock(const QVRecordRef& action, const QVRecordRef& folder, QVError* error) {
-    const std::string target = trimmed(FolderActionRef{action}.url().toURLPath());
+    const std::string target = QVTrimmedPath(FolderActionRef{action}.url().toURLPath());
     if (RunningActions::contains(target)) {
         QVLogInfo(QVFormat("'%s' is already being locked further up this chain", target.c_str()));
         if (error) *error = QVError();
@@ -187,7 +177,7 @@ bool ActionsManager::executeLock(const QVRecordRef& action, const QVRecordRef& f
     if (!face) {
         // The run goes on: one folder that is gone mustn't keep the others unlocked.
         QVSetAppError(error, QVErrorActionFailed,
-                      QVFormat("%s: %s", kFolderNotFound, lastPathComponent(mountpointOf(folder)).c_str()));
+                      QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(mountpointOf(folder)).c_str()));
         return true;
     }
     const OperationResult result = std::make_shared<LockFolderTask>()->go(face);
@@ -205,7 +195,7 @@ bool ActionsManager::closeApp(const QVRunningApplication& application) {
 }
 
 QVRecordRef ActionsManager::faceForFolder(const std::string& url) {
-    const std::string path = trimmed(url);
+    const std::string path = QVTrimmedPath(url);
     QVRecordRef found;
     if (path.empty()) return found;
     performBlockOnMainThread(

@@ -5,6 +5,7 @@
 #include "automation/RunningApplications.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "ui/logic/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
@@ -13,23 +14,12 @@ namespace qv {
 
 namespace {
 
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
-
-std::string mountpointOf(const QVRecordRef& folder) { return trimmed(FolderRef{folder}.mountpoint().toURLPath()); }
+std::string mountpointOf(const QVRecordRef& folder) { return QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath()); }
 
 bool listAimsAt(const ArrayRef& actions, const std::string& path) {
     if (!actions || path.empty()) return false;
     for (const Value& item : *actions)
-        if (trimmed(FolderActionRef{item.as<QVRecord>()}.url().toURLPath()) == path) return true;
+        if (QVTrimmedPath(FolderActionRef{item.as<QVRecord>()}.url().toURLPath()) == path) return true;
     return false;
 }
 
@@ -79,7 +69,7 @@ std::string FolderActionsEditor::nameForURL(const std::string& url) {
         if (name.empty()) name = QVAppErrorDomain();
         if (!name.empty()) return name;
     }
-    return lastComponent(url);
+    return QVLastPathComponent(url);
 }
 
 FolderActionsEditor::Row FolderActionsEditor::rowForAction(const QVRecordRef& action) {
@@ -104,7 +94,7 @@ bool FolderActionsEditor::addOpenActionWithURL(const std::string& url, bool unlo
     QVRecordRef action = QVFolderActionCreate(URLValue{url}, unlock ? QVActionOpen : QVActionQuit);
     if (isApp(url)) FolderActionRef{action}.setParameter(Value(bundleID(url)));
     ArrayRef list = actions(!unlock);
-    if (listAimsAt(list, trimmed(url))) return false;
+    if (listAimsAt(list, QVTrimmedPath(url))) return false;
     list->push_back(Value(action));
     return true;
 }
@@ -148,7 +138,7 @@ FolderActionsEditor::AddResult FolderActionsEditor::addFolderActionWithURL(const
         QVNotificationCenter::defaultCenter().postAlert(kCycleAlert, false);
         return AddResult::WouldCycle;
     }
-    if (listAimsAt(list, trimmed(url))) return AddResult::Duplicate;
+    if (listAimsAt(list, QVTrimmedPath(url))) return AddResult::Duplicate;
     list->push_back(Value(action));
     return AddResult::Added;
 }

@@ -12,6 +12,7 @@
 #include "disk/ProcList.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/QVNotificationCenter.h"
@@ -20,17 +21,6 @@
 namespace qv {
 
 namespace {
-
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
 
 Value now() {
     const auto since = std::chrono::system_clock::now().time_since_epoch();
@@ -55,13 +45,13 @@ void noteLockFailure(const QVRecordRef& folderFace) {
 OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
     FolderFaceRef face{folderFace};
     const QVRecordRef folder = face.folder().as<QVRecord>();
-    const std::string mountpoint = trimmed(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string mountpoint = QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
     auto& centre = QVNotificationCenter::defaultCenter();
 
     // 1. A failure stands, but the lock actions still run.
     std::optional<QVError> error;
     QVError sanityError;
-    const std::string name = lastComponent(mountpoint);
+    const std::string name = QVLastPathComponent(mountpoint);
     if (sanityCheckFolderFace(folderFace, &sanityError) != QVSanityOK) {
         QV_LOG_ERROR(QVFormat("sanity check failed for '%s': %s", name.c_str(), sanityError.description.c_str()));
         error = sanityError;
@@ -127,7 +117,7 @@ OperationResult LockFolderTask::executeLockActions(const QVRecordRef& folderFace
     QVError error;
     if (manager.executeLockActions(folder, &error) && error.empty()) return std::nullopt;
     QV_LOG_ERROR(QVFormat("last action failed '%s'", error.description.c_str()));
-    const std::string name = lastComponent(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string name = QVLastPathComponent(FolderRef{folder}.mountpoint().toURLPath());
     QVNotificationCenter::defaultCenter().postAlert(
         QVFormat("The folder '%s' cannot be locked, because last action failed with error:\n%s", name.c_str(),
                  error.description.c_str()),
@@ -137,7 +127,7 @@ OperationResult LockFolderTask::executeLockActions(const QVRecordRef& folderFace
 
 std::string LockFolderTask::busyErrorMessageWithURL(const std::string& mountpoint) {
     std::string text = QVFormat("The folder '%s' could not be locked because it is being used by:\n\n",
-                                lastComponent(mountpoint).c_str());
+                                QVLastPathComponent(mountpoint).c_str());
     const auto pids = processesUsingThisURL(mountpoint);
     if (!pids) return text;
 

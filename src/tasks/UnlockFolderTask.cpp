@@ -10,6 +10,7 @@
 #include "disk/FolderSanity.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/QVNotificationCenter.h"
@@ -22,17 +23,6 @@ namespace {
 
 // An ext4 label holds this many bytes.
 constexpr size_t kLabelBytes = 16;
-
-std::string trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string lastComponent(const std::string& path) {
-    const std::string p = trimmed(path);
-    const size_t slash = p.rfind('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
-}
 
 std::mutex& statMakerMutex() {
     static std::mutex mutex;
@@ -91,8 +81,8 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
     const QVRecordRef folder = face.folder().as<QVRecord>();
     FolderRef f{folder};
     const Value mountpointValue = f.mountpoint();
-    const std::string mountpoint = trimmed(mountpointValue.toURLPath());
-    const std::string name = lastComponent(mountpoint);
+    const std::string mountpoint = QVTrimmedPath(mountpointValue.toURLPath());
+    const std::string name = QVLastPathComponent(mountpoint);
     auto& centre = QVNotificationCenter::defaultCenter();
 
     // 1. Without its image there is nothing to unlock; the row isn't touched.
