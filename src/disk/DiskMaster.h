@@ -121,6 +121,43 @@ public:
     static bool renameDiskForFolderFace(const QVRecordRef& face, const std::string& name,
                                         const std::string& mountpoint, bool updateUI, QVError* error);
 
+    // ------------------------------------------------------------------ rescue and relocation
+
+    // Hands the folder's image password to the user (main thread): decrypted
+    // under its Folder Set's password, written (atomically, mode 0600) to
+    // "<name> - PASSWORD (DELETE ME!).txt" in `location` or, without one, on the
+    // Desktop, and put on the clipboard (RescueFrontEnd.h). A sticky critical
+    // post then says where the password is; when the clipboard can't take it,
+    // the post shows the password itself so that it can be written down.
+    // <name> is the folder's last path component, "(null)" without one. False
+    // (with a critical post naming the image) when the password can't be
+    // decrypted: nothing is written then.
+    static bool rescuePassWord(const QVRecordRef& folder, const std::optional<std::string>& location);
+
+    // Asks for a place (the save panel, proposed "<name>.<image extension>" on
+    // the Desktop), moves the image there, hands over its password beside it,
+    // shows the moved image in the file manager, and takes the folder out of
+    // the list and its set. True when all that was done. A failed move leaves
+    // image and record as they were ("Couldn't move disk image"). A cancel ends
+    // it when `cancelAllowed`; otherwise the user is told to choose a place and
+    // asked again, for as long as a save panel is installed. Main thread.
+    static bool rescueDiskImageForFolderFace(const QVRecordRef& face, bool cancelAllowed);
+
+    // Moves (or copies) the face's image to `destination` (its new path, name
+    // included), with the face's progress and cancel. The record is not
+    // changed: the caller points it at the new place. Errors: the sanity
+    // check's code with "Error checking image file for '<image>' :\n\n<why>";
+    // 1000 "Operation cancelled"; 1006 (move) "Error moving image file ..."; any
+    // other failure of a move keeps the copy engine's error; every failure of a
+    // copy but a cancel reads "Error copying image file '<image>' :\n\n<why>".
+    // Blocking: task threads only.
+    static bool moveImageFileForFolderFace(const QVRecordRef& face, const std::string& destination, QVError* error);
+    static bool copyImageFileForFolderFace(const QVRecordRef& face, const std::string& destination, QVError* error);
+
+    // Whether `password` opens the image (`qv-image imageinfo <image> -plist
+    // -stdinpass`, the password on standard input). Blocking.
+    static bool checkPasswordDiskImage(const std::string& image, const std::string& password);
+
     // ------------------------------------------------------------------ the rules, for tests
 
     // The greater of ten times the folder's size and 10 GiB (saturating).

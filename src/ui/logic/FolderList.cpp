@@ -4,16 +4,20 @@
 #include <cstdint>
 #include <unordered_set>
 
+#include "app/AutoUnlockCount.h"
 #include "app/TaskQueue.h"
 #include "automation/ActionsCache.h"
 #include "app/UserDefaults.h"
 #include "disk/DesktopOpen.h"
+#include "disk/DiskMaster.h"
+#include "disk/RescueFrontEnd.h"
 #include "disk/URLHelpers.h"
 #include "tasks/BaseFolderTask.h"
 #include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
+#include "ui/logic/QVNotificationCenter.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
 #include "vault/FolderState.h"
@@ -238,6 +242,32 @@ void FolderList::removeFolderFace(const QVRecordRef& face) {
         subdb_->removeFolderWithMountpoint(path);
         subdb_->save(nullptr);
     }
+}
+
+void FolderList::forceRemoveEntry(const QVRecordRef& face) {
+    if (!face) return;
+    const QVRecordRef folder = FolderFaceRef{face}.folder().as<QVRecord>();
+    FolderRef f{folder};
+    const std::string image = f ? DiskInfoRef{f.diskinfo().as<QVRecord>()}.url().toURLPath() : std::string();
+    if (!image.empty() && checkResourceIsReachable(image, nullptr)) {
+        // Queued, so that the popover is gone before the save panel shows.
+        performBlockOnMainThread([] {
+            if (auto close = QVCurrentClosePopover()) close();
+        });
+        performBlockOnMainThread([face] { DiskMaster::rescueDiskImageForFolderFace(face, true); });
+    } else {
+        static const std::string kMissing =
+            "The disk image is missing. Are you sure you want to force remove this folder?";
+        if (auto activate = QVCurrentActivateApplication()) activate();
+        QV_LOG_WARN(kMissing);
+        if (QVNotificationCenter::defaultCenter().postYesNo("Missing Disk Image\n\n" + kMissing, false)) {
+            DiskMaster::rescuePassWord(folder, std::nullopt);
+            if (f) f.setEncrypted(Value(false));
+            removeFolderFace(face);
+        }
+    }
+    // The folder is no longer one to unlock at login, whatever became of it.
+    if (f && f.autounlock().toBool()) AutoUnlockCount::increment(-1);
 }
 
 void FolderList::openFolderFace(const QVRecordRef& face) {

@@ -61,6 +61,13 @@ public:
     // Takes the face out of the list and its folder out of the set, and saves the
     // set (a failed save is not reported).
     void removeFolderFace(const QVRecordRef& face);
+    // The user gives up on a folder (the clicked face; null does nothing). With
+    // its image at hand, the image and its password are rescued to a place the
+    // user picks (queued to the main thread; a cancel keeps the folder). With
+    // the image gone, the user is asked "Missing Disk Image" (default No); Yes
+    // hands over the password and takes the folder out of the list and its
+    // set. Either way a folder marked to unlock at login no longer counts.
+    void forceRemoveEntry(const QVRecordRef& face);
     // Locked: shows the folder's path in the file manager; unlocked: opens it.
     void openFolderFace(const QVRecordRef& face);
     // Whether a folder opens after its unlock: the preference QVOpenFolderAfterUnlock,
