@@ -40,6 +40,7 @@ struct Hooks {
     QVSavePanel savePanel;
     QVActivateApplication activate;
     QVClosePopover closePopover;
+    QVSelectInFileViewer selectInFileViewer;
 };
 
 Hooks& hooks() {
@@ -65,10 +66,14 @@ void QVSetClipboardWriter(QVClipboardWriter writer) { setHook(&Hooks::clipboard,
 void QVSetSavePanel(QVSavePanel panel) { setHook(&Hooks::savePanel, std::move(panel)); }
 void QVSetActivateApplication(QVActivateApplication activate) { setHook(&Hooks::activate, std::move(activate)); }
 void QVSetClosePopover(QVClosePopover close) { setHook(&Hooks::closePopover, std::move(close)); }
+void QVSetSelectInFileViewer(QVSelectInFileViewer select) {
+    setHook(&Hooks::selectInFileViewer, std::move(select));
+}
 QVClipboardWriter QVCurrentClipboardWriter() { return hook(&Hooks::clipboard); }
 QVSavePanel QVCurrentSavePanel() { return hook(&Hooks::savePanel); }
 QVActivateApplication QVCurrentActivateApplication() { return hook(&Hooks::activate); }
 QVClosePopover QVCurrentClosePopover() { return hook(&Hooks::closePopover); }
+QVSelectInFileViewer QVCurrentSelectInFileViewer() { return hook(&Hooks::selectInFileViewer); }
 
 // ---------------------------------------------------------------------- helpers
 
@@ -239,7 +244,11 @@ bool DiskMaster::rescueDiskImageForFolderFace(const QVRecordRef& face, bool canc
         }
 
         rescuePassWord(parts.folder, dir);
-        QVRevealInFileManager({dir + "/" + fileName});
+        const std::string rescued = (dir == "/" ? std::string() : dir) + "/" + fileName;
+        if (auto select = QVCurrentSelectInFileViewer())
+            select(rescued);
+        else
+            QVRevealInFileManager({rescued});
         FolderRef{parts.folder}.setEncrypted(Value(false));
         FolderList::singleton().removeFolderFace(face);
         return true;

@@ -35,10 +35,16 @@ void QVSetActivateApplication(QVActivateApplication activate);
 using QVClosePopover = std::function<void()>;
 void QVSetClosePopover(QVClosePopover close);
 
+// Shows a rescued item selected in the file manager. Missing: the desktop's
+// file manager is asked directly (QVRevealInFileManager).
+using QVSelectInFileViewer = std::function<void(const std::string& path)>;
+void QVSetSelectInFileViewer(QVSelectInFileViewer select);
+
 // The hooks as installed (empty functions when missing), for the core's callers.
 QVClipboardWriter QVCurrentClipboardWriter();
 QVSavePanel QVCurrentSavePanel();
 QVActivateApplication QVCurrentActivateApplication();
 QVClosePopover QVCurrentClosePopover();
+QVSelectInFileViewer QVCurrentSelectInFileViewer();
 
 } // namespace qv
