@@ -1,0 +1,111 @@
+// A real image checked against passwords, and moved and copied between
+// places with the face's progress and cancel: what arrives still opens with
+// its password, and a cancelled move across file systems keeps its source.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "disk/CopyEngine.h"
+#include "disk/DiskMaster.h"
+#include "integration/DiskMasterTestSupport.h"
+
+namespace fs = std::filesystem;
+using namespace qv;
+using namespace qv::test;
+
+namespace {
+
+// A directory on another file system (tmpfs), removed however the test ends.
+struct OtherFileSystemDir {
+    std::string path;
+    OtherFileSystemDir() {
+        std::string tmpl = "/dev/shm/qvrescue.XXXXXX";
+        if (::mkdtemp(tmpl.data())) path = tmpl;
+    }
+    ~OtherFileSystemDir() {
+        std::error_code ec;
+        if (!path.empty()) fs::remove_all(path, ec);
+    }
+};
+
+// Status calls at once rather than once a second, so that a cancel is heard
+// before a small image is through.
+struct FastStatus {
+    FastStatus() { QVCopySetStatusInterval(std::chrono::milliseconds(0)); }
+    ~FastStatus() { QVCopySetStatusInterval(std::chrono::milliseconds(1000)); }
+};
+
+class DiskMasterRescue : public DiskMasterTest {
+protected:
+    QVRecordRef imagedFace(const std::string& name) {
+        QVRecordRef face = makeFace(sandbox.path("folders/" + name));
+        FolderRef{folderOf(face)}.setEncrypted(Value(true));
+        createImageFor(face);
+        return face;
+    }
+    bool check(const std::string& image, const std::string& password) {
+        return offMainThread([&] { return DiskMaster::checkPasswordDiskImage(image, password); });
+    }
+    bool move(const QVRecordRef& face, const std::string& to, QVError* error) {
+        return offMainThread([&] { return DiskMaster::moveImageFileForFolderFace(face, to, error); });
+    }
+    bool copy(const QVRecordRef& face, const std::string& to, QVError* error) {
+        return offMainThread([&] { return DiskMaster::copyImageFileForFolderFace(face, to, error); });
+    }
+};
+
+} // namespace
+
+TEST_F(DiskMasterRescue, PasswordCheckTellsTheRightPasswordFromWrongOnes) {
+    QVRecordRef face = imagedFace("Checked");
+    EXPECT_TRUE(check(imageOf(face), kImagePassword));
+    EXPECT_FALSE(check(imageOf(face), "not the password"));
+    EXPECT_FALSE(check(imageOf(face), std::string(kImagePassword) + "\n")) << "no terminator is added or ignored";
+    EXPECT_FALSE(check(imageOf(face), ""));
+    EXPECT_FALSE(check(sandbox.path("no-such.sparsebundle"), kImagePassword));
+}
+
+TEST_F(DiskMasterRescue, MovedAndCopiedImagesStillOpenAndTheRecordIsLeftToTheCaller) {
+    QVRecordRef face = imagedFace("Moved");
+    const std::string image = imageOf(face);
+
+    const std::string copied = sandbox.makeDir("copies") + "/Copy.sparsebundle";
+    QVError error;
+    ASSERT_TRUE(copy(face, copied, &error)) << error.description;
+    EXPECT_TRUE(check(copied, kImagePassword));
+    EXPECT_TRUE(check(image, kImagePassword)) << "a copy keeps its source";
+
+    OtherFileSystemDir other;
+    ASSERT_FALSE(other.path.empty());
+    const std::string moved = other.path + "/Moved.sparsebundle";
+    ASSERT_TRUE(move(face, moved, &error)) << error.description;
+    EXPECT_FALSE(fs::exists(image));
+    EXPECT_TRUE(check(moved, kImagePassword));
+    EXPECT_EQ(imageOf(face), image) << "the caller points the record at the new place";
+
+    // Gone from its place: the sanity check stops a second move, naming the image.
+    EXPECT_FALSE(move(face, sandbox.path("again.sparsebundle"), &error));
+    EXPECT_EQ(error.code, 2002);
+    EXPECT_EQ(error.description.rfind("Error checking image file for '" + image + "' :\n\n", 0), 0u)
+        << error.description;
+}
+
+TEST_F(DiskMasterRescue, ACancelledMoveAcrossFileSystemsKeepsTheSource) {
+    QVRecordRef face = imagedFace("Cancelled");
+    const std::string image = imageOf(face);
+    FastStatus fast;
+    FolderFaceRef{face}.setOpCanceled(Value(true));
+
+    OtherFileSystemDir other;
+    ASSERT_FALSE(other.path.empty());
+    QVError error;
+    EXPECT_FALSE(move(face, other.path + "/Moved.sparsebundle", &error));
+    EXPECT_EQ(error.code, QVErrorCancelled);
+    EXPECT_EQ(error.description, "Operation cancelled");
+    EXPECT_TRUE(check(image, kImagePassword)) << "the source is whole";
+
+    EXPECT_FALSE(copy(face, sandbox.makeDir("copies") + "/Copy.sparsebundle", &error));
+    EXPECT_EQ(error.code, QVErrorCancelled);
+    EXPECT_EQ(error.description, "Operation cancelled");
+}
