@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 using namespace qv;
 using namespace std::chrono_literals;
@@ -45,7 +45,7 @@ OperationRef op(std::function<void()> body) { return BlockOperation::blockOperat
 } // namespace
 
 TEST(OperationQueue, ResultsAreKeptOnlyOnceFinishedAndExceptionsBecomeErrors) {
-    QVLogSink previous = QVLogSetSink([](const std::string&) {});
+    test::LogCapture quiet;
     OperationQueue queue;
     Meeting door(1);
     auto failing = BlockOperation::blockOperationWithBlock([&]() -> OperationResult {
@@ -69,7 +69,6 @@ TEST(OperationQueue, ResultsAreKeptOnlyOnceFinishedAndExceptionsBecomeErrors) {
     ASSERT_TRUE(throwing->result());
     EXPECT_EQ(throwing->result()->code, QVErrorRefused);
     EXPECT_FALSE(after->result()) << "a failed dependency is still a finished one";
-    QVLogSetSink(previous);
 }
 
 TEST(OperationQueue, DependenciesHoldUnderRacesAcrossQueues) {
@@ -230,7 +229,7 @@ TEST(OperationQueue, CancelSkipsWhatHasNotStartedAndOnlyFlagsWhatRuns) {
 }
 
 TEST(OperationQueue, MisuseIsRefusedWithoutHarm) {
-    QVLogSink previous = QVLogSetSink([](const std::string&) {});
+    test::LogCapture quiet;
     OperationQueue queue, other;
     QVError error;
     EXPECT_FALSE(queue.addOperation(nullptr, &error));
@@ -252,5 +251,4 @@ TEST(OperationQueue, MisuseIsRefusedWithoutHarm) {
     EXPECT_FALSE(queue.addOperations({fresh, a}, true));
     EXPECT_TRUE(fresh->isFinished());
     EXPECT_EQ(queue.operationCount(), 0u);
-    QVLogSetSink(previous);
 }
