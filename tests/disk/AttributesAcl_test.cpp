@@ -14,17 +14,13 @@
 #include "disk/ExtendedAttributes.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using qv::test::LogCapture;
 
-struct LogCapture {
-    std::vector<std::string> lines;
-    qv::QVLogSink previous;
-    LogCapture() { previous = qv::QVLogSetSink([this](const std::string& l) { lines.push_back(l); }); }
-    ~LogCapture() { qv::QVLogSetSink(previous); }
-};
+namespace fs = std::filesystem;
 
 size_t countOf(const std::string& haystack, const std::string& needle) {
     size_t n = 0;

@@ -21,8 +21,11 @@
 #include "disk/TreeCompare.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace {
+
+using qv::test::LogCapture;
 
 namespace fs = std::filesystem;
 using qv::test::compareTrees;
@@ -52,18 +55,6 @@ void setTimes(const std::string& path, time_t sec, long nsec) {
     const struct timespec times[2] = {{sec + 100, 0}, {sec, nsec}};
     ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
-
-struct LogCapture {
-    std::vector<std::string> lines;
-    qv::QVLogSink previous;
-    LogCapture() { previous = qv::QVLogSetSink([this](const std::string& l) { lines.push_back(l); }); }
-    ~LogCapture() { qv::QVLogSetSink(previous); }
-    bool contains(const std::string& text) const {
-        for (const auto& l : lines)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
-    }
-};
 
 // Removes a tree even where the copy made folders read-only.
 void forceRemove(const std::string& path) {
@@ -237,8 +228,8 @@ TEST_F(CopyEngineTest, ANameTakenAtTheDestinationLeavesThatChildBehind) {
     EXPECT_EQ(error.domain, qv::QVAppErrorDomain());
     EXPECT_EQ(qv::test::readWhole(volume + "/taken"), "old") << "nothing is overwritten while lifting";
     EXPECT_EQ(qv::test::readWhole(volume + "/free"), "free");
-    EXPECT_TRUE(log.contains("failed because: !success"));
-    EXPECT_TRUE(log.contains("failed to move: '"));
+    EXPECT_TRUE(log.has("failed because: !success"));
+    EXPECT_TRUE(log.has("failed to move: '"));
     // The child that couldn't move is kept in the working folder, not deleted.
     bool kept = false;
     for (const auto& e : fs::directory_iterator(volume))
@@ -355,7 +346,7 @@ TEST_F(CopyEngineTest, ExistingDestinationsAndBadInputsChangeNothing) {
     EXPECT_FALSE(qv::copyContentsFrom(src, base, "Existing", 8, false, nullptr, &error));
     EXPECT_EQ(error.code, EEXIST);
     EXPECT_NE(error.description.find("Could not copy all of: " + src), std::string::npos) << error.description;
-    EXPECT_TRUE(log.contains("durng copy of: " + src));
+    EXPECT_TRUE(log.has("durng copy of: " + src));
     EXPECT_EQ(qv::test::readWhole(existing + "/old"), "old");
 
     // Overwrite replaces, but only with a whole copy.

@@ -11,8 +11,11 @@
 #include "disk/FileSystemMoves.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace {
+
+using qv::test::LogCapture;
 
 namespace fs = std::filesystem;
 
@@ -20,18 +23,6 @@ std::string contents(const std::string& path) {
     std::ifstream in(path);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
-
-struct LogCapture {
-    std::vector<std::string> lines;
-    qv::QVLogSink previous;
-    LogCapture() { previous = qv::QVLogSetSink([this](const std::string& l) { lines.push_back(l); }); }
-    ~LogCapture() { qv::QVLogSetSink(previous); }
-    bool contains(const std::string& text) const {
-        for (const auto& l : lines)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
-    }
-};
 
 class MovesTest : public ::testing::Test {
 protected:
@@ -54,7 +45,7 @@ TEST_F(MovesTest, MovesNeverReplace) {
     write("outer/inner/file", "other");
     LogCapture log;
     EXPECT_FALSE(qv::moveFileUpADirectory(dir + "/outer/inner/file").has_value());
-    EXPECT_TRUE(log.contains("can't move, destination exists: " + dir + "/outer/file"));
+    EXPECT_TRUE(log.has("can't move, destination exists: " + dir + "/outer/file"));
     EXPECT_EQ(contents(dir + "/outer/file"), "mine");
     EXPECT_EQ(contents(dir + "/outer/inner/file"), "other");
     auto direct = qv::moveFile(dir + "/outer/inner/file", dir);
@@ -62,7 +53,7 @@ TEST_F(MovesTest, MovesNeverReplace) {
     EXPECT_EQ(*direct, dir + "/file");
 
     EXPECT_FALSE(qv::moveFile(dir + "/missing", dir + "/outer").has_value());
-    EXPECT_TRUE(log.contains("rename resulted in: 2"));
+    EXPECT_TRUE(log.has("rename resulted in: 2"));
 }
 
 TEST_F(MovesTest, RenamesRefuseTakenAndInvalidNames) {
@@ -70,7 +61,7 @@ TEST_F(MovesTest, RenamesRefuseTakenAndInvalidNames) {
     write("b.txt", "b");
     LogCapture log;
     EXPECT_FALSE(qv::renameItemAtPath(dir + "/a.txt", "b.txt").has_value());
-    EXPECT_TRUE(log.contains("file exists: " + dir + "/b.txt"));
+    EXPECT_TRUE(log.has("file exists: " + dir + "/b.txt"));
     EXPECT_FALSE(qv::renameItemAtPath(dir + "/a.txt", "../escape").has_value());
     EXPECT_FALSE(qv::renameItemAtPath(dir + "/a.txt", "").has_value());
     EXPECT_EQ(contents(dir + "/a.txt"), "a");
@@ -97,8 +88,8 @@ TEST_F(MovesTest, ForcedRenamesPutTheTimeBeforeTheExtension) {
     auto withExt = qv::forceRenameItemAtPath(dir + "/two", "a.txt");
     ASSERT_TRUE(withExt.has_value());
     EXPECT_TRUE(std::regex_match(*withExt, std::regex(".*/a \\d\\d-\\d\\d-\\d\\d\\.txt"))) << *withExt;
-    EXPECT_TRUE(log.contains("INFO: rename of '" + dir + "/two' to '" + dir + "/a.txt' being forced because of existing file"));
-    EXPECT_TRUE(log.contains("INFO: new destination: '" + *withExt + "'"));
+    EXPECT_TRUE(log.has("INFO: rename of '" + dir + "/two' to '" + dir + "/a.txt' being forced because of existing file"));
+    EXPECT_TRUE(log.has("INFO: new destination: '" + *withExt + "'"));
     EXPECT_EQ(contents(dir + "/a.txt"), "taken");
 
     auto bare = qv::forceRenameItemAtPath(dir + "/three", "a");

@@ -14,8 +14,11 @@
 #include "disk/ProcessRunner.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace {
+
+using qv::test::LogCapture;
 
 using qv::QVError;
 using qv::quickCommand;
@@ -23,21 +26,6 @@ using qv::quickCommand;
 std::string asString(const std::optional<std::vector<uint8_t>>& bytes) {
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string("<null>");
 }
-
-// Collects log lines for one test.
-struct LogCapture {
-    std::vector<std::string> lines;
-    qv::QVLogSink previous;
-    LogCapture() {
-        previous = qv::QVLogSetSink([this](const std::string& line) { lines.push_back(line); });
-    }
-    ~LogCapture() { qv::QVLogSetSink(previous); }
-    bool contains(const std::string& text) const {
-        for (const std::string& l : lines)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
-    }
-};
 
 // Our standard input replaced by /dev/null for one scope, so that what a child
 // inherits doesn't depend on how the test runner was started.
@@ -160,9 +148,9 @@ TEST(ProcessRunner, LaunchFailuresAreCaughtAndLogged) {
         EXPECT_EQ(error.domain, qv::QVPOSIXErrorDomain);
         EXPECT_EQ(error.code, -1);
         EXPECT_FALSE(error.description.empty());
-        EXPECT_TRUE(log.contains(std::string("ERROR (quickCommand:")));
-        EXPECT_TRUE(log.contains(std::string("got ") + c.name + " while trying to run " + c.path + ": "));
-        EXPECT_FALSE(log.contains("secret")) << "input bytes must never be logged";
+        EXPECT_TRUE(log.has(std::string("ERROR (quickCommand:")));
+        EXPECT_TRUE(log.has(std::string("got ") + c.name + " while trying to run " + c.path + ": "));
+        EXPECT_FALSE(log.has("secret")) << "input bytes must never be logged";
 
         auto text = quickCommand(c.path, {}, &error);
         EXPECT_FALSE(text.has_value());

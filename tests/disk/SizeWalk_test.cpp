@@ -15,8 +15,11 @@
 #include "disk/SizeWalk.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace {
+
+using qv::test::LogCapture;
 
 namespace fs = std::filesystem;
 
@@ -41,18 +44,6 @@ int64_t duBlocks(const std::string& path) {
     EXPECT_TRUE(error.empty()) << error.description;
     return out ? std::stoll(*out) : -2;
 }
-
-struct LogCapture {
-    std::vector<std::string> lines;
-    qv::QVLogSink previous;
-    LogCapture() { previous = qv::QVLogSetSink([this](const std::string& l) { lines.push_back(l); }); }
-    ~LogCapture() { qv::QVLogSetSink(previous); }
-    bool contains(const std::string& text) const {
-        for (const auto& l : lines)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
-    }
-};
 
 class SizeWalkTest : public ::testing::Test {
 protected:
@@ -130,8 +121,8 @@ TEST_F(SizeWalkTest, LimitsStopEarlyAndReportFailures) {
     LogCapture log;
     const std::string missing = root + "/missing";
     EXPECT_EQ(qv::num512BlocksInDir(missing), -1);
-    EXPECT_TRUE(log.contains("WARN (num512BlocksInDir:"));
-    EXPECT_TRUE(log.contains("FTS_ERR: " + missing + ": No such file or directory"));
+    EXPECT_TRUE(log.has("WARN (num512BlocksInDir:"));
+    EXPECT_TRUE(log.has("FTS_ERR: " + missing + ": No such file or directory"));
     EXPECT_EQ(qv::approxSizeOfFolderAtPath(missing), -1);
     EXPECT_EQ(qv::folderAtPathAtLeast(missing, 1), 0);
     EXPECT_EQ(qv::folderFileCountAtLeast(missing, 1), -1);
@@ -166,7 +157,7 @@ TEST_F(SizeWalkTest, LogicalSizeCountsEveryNameAndCanBeCancelled) {
 
     LogCapture log;
     EXPECT_EQ(qv::fastFolderSizeAtFSRef(root + "/missing", nullptr), -1);
-    EXPECT_TRUE(log.contains("error 2 during size calc for: " + root + "/missing"));
+    EXPECT_TRUE(log.has("error 2 during size calc for: " + root + "/missing"));
     EXPECT_EQ(qv::fastFolderSizeAtFSRef(tree + "/sub/b", nullptr), 2345);
 }
 
@@ -179,7 +170,7 @@ TEST_F(SizeWalkTest, UnreadableFolderCountsAsNothing) {
     fs::permissions(tree + "/closed", fs::perms::none);
     LogCapture log;
     EXPECT_EQ(qv::fastFolderSizeAtFSRef(tree, nullptr), 7);
-    EXPECT_TRUE(log.contains("accessDenied during size calc for: " + tree + "/closed"));
+    EXPECT_TRUE(log.has("accessDenied during size calc for: " + tree + "/closed"));
     EXPECT_EQ(qv::num512BlocksInDir(tree), -1) << "the block count wants every folder";
 }
 
