@@ -5,14 +5,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 
 #include "disk/FolderSanity.h"
 #include "disk/Locations.h"
 #include "disk/StorageLocations.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
-#include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/NotificationDelivery.h"
 #include "ui/logic/QVNotificationCenter.h"
@@ -46,21 +45,13 @@ protected:
             saved.push_back(centre().delivery(way));
             centre().setDelivery(way, alerts);
         }
-        QVLogSetSink([this](const std::string& line) {
-            std::lock_guard<std::mutex> lock(logMutex);
-            log += line + "\n";
-        });
     }
     void TearDown() override {
         settle();
-        QVLogSetSink(nullptr);
         for (int way = 0; way < QVNotificationWayCount; ++way) centre().setDelivery(way, saved[size_t(way)]);
     }
     static QVNotificationCenter& centre() { return QVNotificationCenter::defaultCenter(); }
-    bool logged(const std::string& text) {
-        std::lock_guard<std::mutex> lock(logMutex);
-        return log.find(text) != std::string::npos;
-    }
+    bool logged(const std::string& text) { return log.has(text); }
     // Runs what was posted to the main thread.
     void settle() { test::processEventsFor(30); }
 
@@ -86,8 +77,7 @@ protected:
     test::TempHome home;
     std::shared_ptr<Alerts> alerts = std::make_shared<Alerts>();
     std::vector<std::shared_ptr<NotificationDelivery>> saved;
-    std::mutex logMutex;
-    std::string log;
+    test::LogCapture log;
 };
 
 } // namespace
@@ -100,13 +90,13 @@ TEST_F(FolderSanity, NullFacesAndUnencryptedRecordsWithoutImages) {
     EXPECT_TRUE(logged("failed because: !ff"));
     EXPECT_EQ(folderSizeOfFolderFace(nullptr, true, nullptr), UINT64_MAX);
 
-    log.clear();
+    log.lines.clear();
     QVError untouched{"untouched", 7, ""};
     EXPECT_EQ(sanityCheckFolderFace(face(home.root() + "/nowhere", false, false, false), &untouched), 0)
         << "not even a missing mount point matters yet";
     settle();
     EXPECT_EQ(untouched.code, 7);
-    EXPECT_EQ(log, "");
+    EXPECT_TRUE(log.lines.empty());
     EXPECT_TRUE(alerts->shown.empty());
 }
 
