@@ -8,7 +8,7 @@
 #include "disk/Locations.h"
 #include "support/TempHome.h"
 #include "toolkit/AtomicFile.h"
-#include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 #include "vault/DBMaster.h"
 #include "vault/KeyedArchive.h"
 #include "vault/QVCrypto.h"
@@ -53,20 +53,18 @@ Bytes fileBytes(const std::string& path) { return QVReadFile(path, nullptr).valu
 
 TEST(DBMaster, ANewDatabaseExistsOnlyInMemoryUntilTheFirstSave) {
     test::TempHome home;
-    std::vector<std::string> lines;
-    QVLogSetSink([&](const std::string& line) { lines.push_back(line); });
+    test::LogCapture log;
     QVError error;
     DBMasterRef master = DBMaster::initWithMasterDBURL(quillvaneURL(0), false, &error);
-    QVLogSetSink(nullptr);
     ASSERT_TRUE(master);
     EXPECT_EQ(master->version(), 2);
     EXPECT_GT(master->creationDate(), 1.7e9);
     EXPECT_EQ(master->subDBCount(), 0u);
     EXPECT_EQ(master->masterdb()->size(), 2u) << "only the version and the creation time";
     EXPECT_FALSE(fs::exists(quillvaneURL(0)));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("WARN (", 0), 0u);
-    EXPECT_NE(lines[0].find("not reachable '" + quillvaneURL(0) + "'"), std::string::npos);
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines[0].rfind("WARN (", 0), 0u);
+    EXPECT_NE(log.lines[0].find("not reachable '" + quillvaneURL(0) + "'"), std::string::npos);
 
     // Asking whether a password is free on a database without sets says no, quietly to the caller.
     EXPECT_FALSE(master->hasSubDbWithPassword("anything"));
@@ -97,14 +95,14 @@ TEST(DBMaster, APasswordOpensItsOwnSetOnlyAndAWrongOneLeavesNoTrace) {
 
     // A wrong password: null, the error out-parameter untouched, nothing logged.
     QVError untouched{"sentinel", 42, "left alone"};
-    std::vector<std::string> lines;
-    QVLogSetSink([&](const std::string& line) { lines.push_back(line); });
-    EXPECT_FALSE(reopened->getSubDBWithPassword("alpha ", &untouched));
-    EXPECT_FALSE(reopened->getSubDBWithPassword("", &untouched));
-    QVLogSetSink(nullptr);
+    {
+        test::LogCapture log;
+        EXPECT_FALSE(reopened->getSubDBWithPassword("alpha ", &untouched));
+        EXPECT_FALSE(reopened->getSubDBWithPassword("", &untouched));
+        EXPECT_TRUE(log.lines.empty());
+    }
     EXPECT_EQ(untouched.domain, "sentinel");
     EXPECT_EQ(untouched.code, 42);
-    EXPECT_TRUE(lines.empty());
 
     // Two gets with one password are two independent copies.
     DBSubdbRef again = reopened->getSubDBWithPassword("alpha", nullptr);

@@ -8,25 +8,18 @@
 #include <set>
 
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 #include "vault/QVCrypto.h"
 
 using namespace qv;
 
 namespace {
 
+using qv::test::LogCapture;
+
 Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
 const Bytes kPass = B(std::string("pass\0word", 9));
 const Bytes kSalt(32, 0x5a);
-
-// Collects logged lines for the life of the object.
-struct LogCapture {
-    std::vector<std::string> lines;
-    QVLogSink previous = QVLogSetSink([this](const std::string& l) { lines.push_back(l); });
-    ~LogCapture() { QVLogSetSink(previous); }
-    bool has(const std::string& s) const {
-        return std::any_of(lines.begin(), lines.end(), [&](auto& l) { return l.find(s) != std::string::npos; });
-    }
-};
 
 int decryptCode(const Bytes& c, const Bytes& pass = kPass) {
     Bytes out(c.size());
