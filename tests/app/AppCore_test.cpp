@@ -12,6 +12,7 @@
 #include "disk/Locations.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 
 namespace fs = std::filesystem;
 using namespace qv;
@@ -45,11 +46,9 @@ TEST(Locations, FollowXDGDataHomeAndNameTheFiles) {
 
 TEST(Locations, AnUnknownKeyIsAProgrammingErrorAndLogged) {
     test::TempHome home;
-    std::string logged;
-    QVLogSetSink([&](const std::string& line) { logged = line; });
+    test::LogCapture log;
     EXPECT_THROW(quillvaneURL(5), std::invalid_argument);
-    QVLogSetSink(nullptr);
-    EXPECT_NE(logged.find("shouldn't reach this! given: 5"), std::string::npos) << logged;
+    EXPECT_TRUE(log.has("shouldn't reach this! given: 5"));
 }
 
 TEST(UserDefaults, RegisteredFallbacksYieldToStoredValuesAndPersist) {
@@ -100,10 +99,9 @@ TEST(OldData, AFailingStepIsLoggedAndTheOthersStillRun) {
     test::TempHome home;
     const fs::path old = oldAppSupURL();
     writeText(old / "database3", "old db");  // no alock, no Data, no Backups
-    std::vector<std::string> lines;
-    QVLogSetSink([&](const std::string& line) { lines.push_back(line); });
+    test::LogCapture log;
     EXPECT_TRUE(moveOldDataIfNeeded());
-    QVLogSetSink(nullptr);
+    const auto& lines = log.lines;
     EXPECT_EQ(readText(fs::path(ourAppSupURL()) / "database3"), "old db");
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_NE(lines[0].find("Error migrating autolock file: "), std::string::npos);
@@ -119,11 +117,9 @@ TEST(Backup, CopiesTheMasterFileUnderADatedNameAndKeepsTheNewest40) {
     for (int i = 0; i < 40; ++i) writeText(dir / QVFormat("database3 2001-01-%02d 000000", i + 1), "old");
     writeText(dir / "notes.txt", "keep");
 
-    std::string logged;
-    QVLogSetSink([&](const std::string& line) { logged += line + "\n"; });
+    test::LogCapture log;
     ASSERT_TRUE(backupQuillvaneDatabaseWithSuffix(" before upgrade"));
-    QVLogSetSink(nullptr);
-    EXPECT_NE(logged.find("INFO: backed up: "), std::string::npos);
+    EXPECT_TRUE(log.has("INFO: backed up: "));
 
     std::set<std::string> names;
     for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());

@@ -13,6 +13,7 @@
 #include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 #include "ui/logic/NotificationConsole.h"
 #include "ui/logic/QVNotificationCenter.h"
 #include "ui/logic/QVNotificationColor.h"
@@ -21,6 +22,8 @@
 using namespace qv;
 
 namespace {
+
+using qv::test::LogCapture;
 
 struct Recording : NotificationDelivery {
     std::mutex mutex;
@@ -45,24 +48,6 @@ struct Recording : NotificationDelivery {
 struct Prefs : PreferencesProvider {
     Dict values;
     Value fetchValueForPreference(const std::string& key) override { return QVDictGet(values, key); }
-};
-
-struct LogCapture {
-    std::vector<std::string> lines;
-    std::mutex mutex;
-    LogCapture() {
-        QVLogSetSink([this](const std::string& l) {
-            std::lock_guard<std::mutex> lock(mutex);
-            lines.push_back(l);
-        });
-    }
-    ~LogCapture() { QVLogSetSink(nullptr); }
-    bool has(const std::string& text) {
-        std::lock_guard<std::mutex> lock(mutex);
-        for (const auto& l : lines)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
-    }
 };
 
 // A centre with a recording delivery on every way, and preferences the test sets.
