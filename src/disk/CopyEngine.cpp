@@ -152,7 +152,10 @@ bool isInside(const std::string& dir, const struct stat& tree) {
 class TreeCopy {
 public:
     TreeCopy(unsigned options, const QVCopyCancelBlock& callback, uint64_t totalBytes)
-        : options_(options), callback_(callback), start_(std::chrono::steady_clock::now()), lastStatus_(start_) {
+        // The first item reports at once: a cancel asked for before the copy
+        // began stops it there, however short the copy.
+        : options_(options), callback_(callback), start_(std::chrono::steady_clock::now()),
+          lastStatus_(start_ - std::chrono::hours(1)) {
         status_.totalBytes = totalBytes;
     }
 

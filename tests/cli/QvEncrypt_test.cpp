@@ -78,6 +78,46 @@ protected:
         argv.insert(argv.end(), args.begin(), args.end());
         return runProcess(argv, std::string(kSetPassword) + "\n", w.env);
     }
+    // Starts `qv encrypt`, waits until its progress on standard error shows
+    // `stage`, then sends it SIGINT every 200 ms while it runs (a user pressing
+    // Ctrl-C until something happens); returns its exit status.
+    int encryptAndInterruptAt(const World& w, const std::string& stage) {
+        int in[2], err[2];
+        if (::pipe(in) != 0 || ::pipe(err) != 0) return -1000;
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::dup2(in[0], 0);
+            ::dup2(err[1], 2);
+            ::close(in[1]);
+            ::close(err[0]);
+            int null = ::open("/dev/null", O_WRONLY);
+            ::dup2(null, 1);
+            for (const auto& [k, v] : w.env) ::setenv(k.c_str(), v.c_str(), 1);
+            const std::string qvPath = std::string(QV_BINARY_DIR) + "/src/qv";
+            ::execl(qvPath.c_str(), "qv", "encrypt", w.folder.c_str(), (char*)nullptr);
+            ::_exit(127);
+        }
+        ::close(in[0]);
+        ::close(err[1]);
+        const std::string line = std::string(kSetPassword) + "\n";
+        EXPECT_EQ(::write(in[1], line.data(), line.size()), ssize_t(line.size()));
+        ::close(in[1]);
+        std::string seen;
+        char buf[4096];
+        for (ssize_t n; seen.find(stage) == std::string::npos && (n = ::read(err[0], buf, sizeof buf)) > 0;)
+            seen.append(buf, size_t(n));
+        EXPECT_NE(seen.find(stage), std::string::npos) << seen;
+        int status = 0;
+        for (;;) {
+            ::kill(pid, SIGINT);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            while (::read(err[0], buf, 0) > 0) {
+            }
+            if (::waitpid(pid, &status, WNOHANG) == pid) break;
+        }
+        ::close(err[0]);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
     // Starts `qv encrypt` and kills it (SIGKILL) after `ms` milliseconds.
     void encryptAndKill(const World& w, int ms) {
         int in[2];
@@ -222,4 +262,17 @@ TEST_F(QvEncrypt, AKilledEncryptionNeverLosesOrHalvesTheFiles) {
             EXPECT_EQ(imageDifferences(w, reference), std::vector<std::string>{}) << "and a complete image";
         }
     }
+}
+
+TEST_F(QvEncrypt, CtrlCCancelsTheCopyAndLeavesTheFolderAsItWas) {
+    World w = makeWorld("interrupted");
+    const std::string reference = sandbox.path("interrupted/reference");
+    ASSERT_EQ(runProcess({"/bin/cp", "-a", w.folder, reference}, "").exitCode, 0);
+    EXPECT_EQ(encryptAndInterruptAt(w, "Creating disk image"), 1) << "a cancelled encryption is a failure";
+    EXPECT_EQ(compareTrees(reference, w.folder), std::vector<std::string>{}) << "untouched";
+    EXPECT_FALSE(fs::exists(w.trashed()));
+    EXPECT_EQ(images(w), std::vector<std::string>{}) << "no image left behind";
+    auto r = qv(w, {"folders"});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out, "") << "no record left in the set";
 }
