@@ -128,10 +128,12 @@ public:
     // "<name> - PASSWORD (DELETE ME!).txt" in `location` or, without one, on the
     // Desktop, and put on the clipboard (RescueFrontEnd.h). A sticky critical
     // post then says where the password is; when the clipboard can't take it,
-    // the post shows the password itself so that it can be written down.
-    // <name> is the folder's last path component, "(null)" without one. False
-    // (with a critical post naming the image) when the password can't be
-    // decrypted: nothing is written then.
+    // the front end's secret alert shows the password itself so that it can be
+    // written down (never the notification centre, which logs its posts).
+    // <name> is the folder's last path component, "(null)" without one. True
+    // when the password reached the user by one of these ways. False (with a
+    // critical post naming the image) when it can't be decrypted: nothing is
+    // written then.
     static bool rescuePassWord(const QVRecordRef& folder, const std::optional<std::string>& location);
 
     // Asks for a place (the save panel, proposed "<name>.<image extension>" on

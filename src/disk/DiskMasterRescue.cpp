@@ -41,6 +41,7 @@ struct Hooks {
     QVActivateApplication activate;
     QVClosePopover closePopover;
     QVSelectInFileViewer selectInFileViewer;
+    QVSecretAlert secretAlert;
 };
 
 Hooks& hooks() {
@@ -69,11 +70,13 @@ void QVSetClosePopover(QVClosePopover close) { setHook(&Hooks::closePopover, std
 void QVSetSelectInFileViewer(QVSelectInFileViewer select) {
     setHook(&Hooks::selectInFileViewer, std::move(select));
 }
+void QVSetSecretAlert(QVSecretAlert alert) { setHook(&Hooks::secretAlert, std::move(alert)); }
 QVClipboardWriter QVCurrentClipboardWriter() { return hook(&Hooks::clipboard); }
 QVSavePanel QVCurrentSavePanel() { return hook(&Hooks::savePanel); }
 QVActivateApplication QVCurrentActivateApplication() { return hook(&Hooks::activate); }
 QVClosePopover QVCurrentClosePopover() { return hook(&Hooks::closePopover); }
 QVSelectInFileViewer QVCurrentSelectInFileViewer() { return hook(&Hooks::selectInFileViewer); }
+QVSecretAlert QVCurrentSecretAlert() { return hook(&Hooks::secretAlert); }
 
 // ---------------------------------------------------------------------- helpers
 
@@ -187,14 +190,20 @@ bool DiskMaster::rescuePassWord(const QVRecordRef& folder, const std::optional<s
                       "' has been copied to the clipboard. Please paste it into a document IMMEDIATELY in case the "
                       "disk image is recoverable." +
                       addition);
-    } else {
-        // The clipboard failed: the user must read the password off the alert
-        // itself. It goes into no log line, only into the message.
-        std::string text = "DO NOT CLICK 'OK' YET!\n\nWrite this down IMMEDIATLY:\n\n" + password + addition;
-        showAlert("Failed to copy password!", text);
-        QVWipe(text);
+        return true;
     }
-    return true;
+    // The clipboard failed: the user must read the password off the alert
+    // itself. The notification centre logs what it posts, so the password
+    // goes only to a front end's own panel.
+    if (const QVSecretAlert secretAlert = QVCurrentSecretAlert()) {
+        std::string text = "DO NOT CLICK 'OK' YET!\n\nWrite this down IMMEDIATLY:\n\n" + password + addition;
+        secretAlert("Failed to copy password!", text);
+        QVWipe(text);
+        return true;
+    }
+    showAlert("Failed to copy password!", "The password to '" + name + "' could not be shown here." + addition);
+    if (addition.empty()) QV_LOG_ERROR("the password of '" + name + "' reached the user by no way");
+    return !addition.empty();
 }
 
 // ---------------------------------------------------------------------- the image
@@ -243,7 +252,9 @@ bool DiskMaster::rescueDiskImageForFolderFace(const QVRecordRef& face, bool canc
             return false;
         }
 
-        rescuePassWord(parts.folder, dir);
+        // The set keeps the only other copy of the password: the folder stays
+        // in it unless the password reached the user.
+        if (!rescuePassWord(parts.folder, dir)) return false;
         const std::string rescued = (dir == "/" ? std::string() : dir) + "/" + fileName;
         if (auto select = QVCurrentSelectInFileViewer())
             select(rescued);

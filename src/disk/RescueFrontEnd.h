@@ -40,11 +40,19 @@ void QVSetClosePopover(QVClosePopover close);
 using QVSelectInFileViewer = std::function<void(const std::string& path)>;
 void QVSetSelectInFileViewer(QVSelectInFileViewer select);
 
+// Shows an alert whose text holds a secret (an image password the user must
+// write down) in a panel of the front end's own: the text goes into no log,
+// no notification history and no file. Missing: the secret can't be shown, and
+// the alert goes out through the notification centre without it.
+using QVSecretAlert = std::function<void(const std::string& title, const std::string& text)>;
+void QVSetSecretAlert(QVSecretAlert alert);
+
 // The hooks as installed (empty functions when missing), for the core's callers.
 QVClipboardWriter QVCurrentClipboardWriter();
 QVSavePanel QVCurrentSavePanel();
 QVActivateApplication QVCurrentActivateApplication();
 QVClosePopover QVCurrentClosePopover();
 QVSelectInFileViewer QVCurrentSelectInFileViewer();
+QVSecretAlert QVCurrentSecretAlert();
 
 } // namespace qv

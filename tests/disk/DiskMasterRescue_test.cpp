@@ -66,6 +66,7 @@ protected:
         QVSetClipboardWriter(nullptr);
         QVSetSavePanel(nullptr);
         QVSetSelectInFileViewer(nullptr);
+        QVSetSecretAlert(nullptr);
         centre().setYesNoHandler(nullptr);
         for (int way = 0; way < QVNotificationWayCount; ++way) centre().setDelivery(way, saved[size_t(way)]);
     }
@@ -155,18 +156,29 @@ TEST_F(DiskMasterRescue, PasswordGoesToTheClipboardAndAPrivateFileInTheLocation)
     EXPECT_FALSE(passwordLogged());
 }
 
-TEST_F(DiskMasterRescue, WithoutAClipboardTheAlertShowsThePasswordAndTheFileIsOnTheDesktop) {
+TEST_F(DiskMasterRescue, WithoutAClipboardOnlyTheFrontEndsOwnPanelShowsThePassword) {
     const QVRecordRef f = folder(std::nullopt, true);  // no mountpoint: named "(null)"
+    std::vector<std::string> panels;
+    QVSetSecretAlert([&](const std::string& title, const std::string& text) { panels.push_back(title + "|" + text); });
 
     ASSERT_TRUE(DiskMaster::rescuePassWord(f, std::nullopt));
 
-    const std::string file = desktopURL() + "/(null) - PASSWORD (DELETE ME!).txt";
+    const std::string fileName = "(null) - PASSWORD (DELETE ME!).txt";
     EXPECT_EQ(desktopURL().rfind(home.root(), 0), 0u) << "the test's own Desktop";
-    EXPECT_EQ(readFile(file), kImagePassword);
-    EXPECT_EQ(shown(), (std::vector<std::string>{std::string("Failed to copy password!\n\nDO NOT CLICK 'OK' YET!\n\n"
-                                                             "Write this down IMMEDIATLY:\n\n") +
-                                                 kImagePassword + kAddition + "(null) - PASSWORD (DELETE ME!).txt"}));
+    EXPECT_EQ(readFile(desktopURL() + "/" + fileName), kImagePassword);
+    EXPECT_EQ(panels, (std::vector<std::string>{std::string("Failed to copy password!|DO NOT CLICK 'OK' YET!\n\n"
+                                                            "Write this down IMMEDIATLY:\n\n") +
+                                                kImagePassword + kAddition + fileName}));
+    EXPECT_TRUE(shown().empty());
+
+    // With no such panel the notification, which is logged, leaves the password out.
+    QVSetSecretAlert(nullptr);
+    ASSERT_TRUE(DiskMaster::rescuePassWord(f, std::nullopt)) << "the file holds it";
+    EXPECT_EQ(shown(), (std::vector<std::string>{"Failed to copy password!\n\nThe password to '(null)' could not be "
+                                                 "shown here." +
+                                                 std::string(kAddition) + fileName}));
     EXPECT_FALSE(passwordLogged());
+    EXPECT_FALSE(DiskMaster::rescuePassWord(f, home.root() + "/no/such/dir")) << "no way reached the user";
 }
 
 TEST_F(DiskMasterRescue, AnUnwritableLocationStillHandsThePasswordOverWithoutTheFileNote) {

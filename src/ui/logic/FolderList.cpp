@@ -261,9 +261,12 @@ void FolderList::forceRemoveEntry(const QVRecordRef& face) {
         if (auto activate = QVCurrentActivateApplication()) activate();
         QV_LOG_WARN(kMissing);
         if (QVNotificationCenter::defaultCenter().postYesNo("Missing Disk Image\n\n" + kMissing, false)) {
-            DiskMaster::rescuePassWord(folder, std::nullopt);
-            if (f) f.setEncrypted(Value(false));
-            removeFolderFace(face);
+            // The set holds the only other copy of the password: the folder
+            // stays unless the password reached the user.
+            if (DiskMaster::rescuePassWord(folder, std::nullopt)) {
+                if (f) f.setEncrypted(Value(false));
+                removeFolderFace(face);
+            }
         }
     }
     // The folder is no longer one to unlock at login, whatever became of it.
