@@ -81,7 +81,7 @@ mount_a() {
 }
 umount_a() { "$QV_IMAGE" detach "$A_MNT"; }
 # The same speed options qv-image gives its own fuse2fs mounts (src/image/Helpers.h).
-mount_b() { fuse2fs "$B_IMG" "$B_MNT" -o big_writes,max_write=131072,kernel_cache >/dev/null; }
+mount_b() { fuse2fs "$B_IMG" "$B_MNT" -o big_writes,max_write=131072 >/dev/null; }
 umount_b() { fusermount3 -u "$B_MNT"; }
 mount_c() { printf '%s\n' "$PW" | gocryptfs -q "$C_DIR" "$C_MNT"; }
 umount_c() { fusermount3 -u "$C_MNT"; }

@@ -21,7 +21,7 @@ inline constexpr const char* kE2fsck = "/usr/sbin/e2fsck";
 inline constexpr const char* kResize2fs = "/usr/sbin/resize2fs";
 inline constexpr const char* kDebugfs = "/usr/sbin/debugfs";
 inline constexpr const char* kFuse2fs = "/usr/bin/fuse2fs";
-inline constexpr const char* kFuse2fsSpeedOptions = "big_writes,max_write=131072,kernel_cache";
+inline constexpr const char* kFuse2fsSpeedOptions = "big_writes,max_write=131072";
 inline constexpr const char* kFusermount3 = "/usr/bin/fusermount3";
 inline constexpr const char* kMount = "/usr/bin/mount";
 inline constexpr const char* kUmount = "/usr/bin/umount";
