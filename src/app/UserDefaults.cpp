@@ -142,4 +142,11 @@ bool registerQuillvaneDefaults(QVError* error) {
     return true;
 }
 
+std::string QVDiskImageDestinationPath() {
+    const Value value = QVUserDefaults::standardUserDefaults().objectForKey(QVDiskImageDestinationPathKey);
+    std::string path = value.isURL() ? value.toURLPath() : value.isString() ? value.toString() : std::string();
+    if (path.rfind("file://", 0) == 0) path = path.substr(7);
+    return path;
+}
+
 } // namespace qv

@@ -42,6 +42,11 @@ private:
 // directory, or the source tree's resources/ for a build that was not installed.
 std::string QVResourcePath(const std::string& name, const std::string& type);
 
+// The key of the folder chosen for new images, and its value as a plain path
+// (kept as a path or a file URL); "" when unset.
+inline constexpr const char* QVDiskImageDestinationPathKey = "QVDiskImageDestinationPath";
+std::string QVDiskImageDestinationPath();
+
 // Reads "QuillvaneDefaults" of type "plist" and registers it as the fallback values.
 bool registerQuillvaneDefaults(QVError* error = nullptr);
 

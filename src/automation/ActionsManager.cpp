@@ -148,41 +148,40 @@ bool ActionsManager::executeClose(const QVRecordRef& action, const QVRecordRef& 
     return true;
 }
 
-bool ActionsManager::executeUnlock(const QVRecordRef& action, const QVRecordRef& folder, QVError* error) {
+namespace {
+
+// Runs the other folder's task body here, on this thread, so that a chain is
+// done depth first. A folder already running further up the chain is skipped.
+// A missing folder fails the action; `goOnWhenMissing` lets the run go on with
+// the error set (one folder that is gone mustn't keep the others unlocked).
+template <class Task>
+bool runFolderTask(const QVRecordRef& action, const QVRecordRef& folder, QVError* error, const char* verb,
+                   bool goOnWhenMissing) {
     const std::string target = QVTrimmedPath(FolderActionRef{action}.url().toURLPath());
     if (RunningActions::contains(target)) {
-        QVLogInfo(QVFormat("'%s' is already being unlocked further up this chain", target.c_str()));
+        QVLogInfo(QVFormat("'%s' is already being %s further up this chain", target.c_str(), verb));
         if (error) *error = QVError();
         return true;
     }
-    const QVRecordRef face = faceForFolder(target);
+    const QVRecordRef face = ActionsManager::faceForFolder(target);
     if (!face) {
         QVSetAppError(error, QVErrorActionFailed,
                       QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(mountpointOf(folder)).c_str()));
-        return false;
+        return goOnWhenMissing;
     }
-    const OperationResult result = std::make_shared<UnlockFolderTask>()->go(face);
+    const OperationResult result = std::make_shared<Task>()->go(face);
     if (error) *error = result.value_or(QVError());
     return !result;
 }
 
+} // namespace
+
+bool ActionsManager::executeUnlock(const QVRecordRef& action, const QVRecordRef& folder, QVError* error) {
+    return runFolderTask<UnlockFolderTask>(action, folder, error, "unlocked", false);
+}
+
 bool ActionsManager::executeLock(const QVRecordRef& action, const QVRecordRef& folder, QVError* error) {
-    const std::string target = QVTrimmedPath(FolderActionRef{action}.url().toURLPath());
-    if (RunningActions::contains(target)) {
-        QVLogInfo(QVFormat("'%s' is already being locked further up this chain", target.c_str()));
-        if (error) *error = QVError();
-        return true;
-    }
-    const QVRecordRef face = faceForFolder(target);
-    if (!face) {
-        // The run goes on: one folder that is gone mustn't keep the others unlocked.
-        QVSetAppError(error, QVErrorActionFailed,
-                      QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(mountpointOf(folder)).c_str()));
-        return true;
-    }
-    const OperationResult result = std::make_shared<LockFolderTask>()->go(face);
-    if (error) *error = result.value_or(QVError());
-    return !result;
+    return runFolderTask<LockFolderTask>(action, folder, error, "locked", true);
 }
 
 bool ActionsManager::closeApp(const QVRunningApplication& application) {

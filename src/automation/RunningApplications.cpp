@@ -56,27 +56,6 @@ std::string realPath(const std::string& path) {
     return ::realpath(path.c_str(), buffer) ? std::string(buffer) : std::string();
 }
 
-// A small /proc file whole; false when it can't be read.
-bool readSmallFile(const std::string& path, std::string& out, size_t limit = 65536) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    out.clear();
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ::close(fd);
-            return false;
-        }
-        if (n == 0) break;
-        out.append(buffer, static_cast<size_t>(n));
-        if (out.size() >= limit) break;
-    }
-    ::close(fd);
-    return true;
-}
-
 std::string readLink(const std::string& path) {
     char buffer[PATH_MAX];
     const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
@@ -88,7 +67,7 @@ std::string readLink(const std::string& path) {
 // fields are counted from the last ')'.
 bool readProcessStat(pid_t pid, char* state, unsigned long long* startTime) {
     std::string stat;
-    if (!readSmallFile("/proc/" + std::to_string(pid) + "/stat", stat, 4096)) return false;
+    if (!QVReadProcFile("/proc/" + std::to_string(pid) + "/stat", stat, 4096)) return false;
     const size_t close = stat.rfind(')');
     if (close == std::string::npos || close + 2 >= stat.size()) return false;
     *state = stat[close + 2];
@@ -134,7 +113,7 @@ std::vector<ProcessImage> ourProcesses(bool withScripts) {
         // A script runs as "<interpreter> [one option] <script> ...": the kernel
         // puts the script's path as it was executed among the first arguments.
         std::string cmdline;
-        if (withScripts && readSmallFile(dir + "/cmdline", cmdline)) {
+        if (withScripts && QVReadProcFile(dir + "/cmdline", cmdline, 65536)) {
             std::vector<std::string> args;
             size_t start = 0;
             while (start < cmdline.size() && args.size() < 3) {

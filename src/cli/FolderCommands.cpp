@@ -1,15 +1,10 @@
 // qv encrypt | unlock | lock | status: the everyday cycle of a folder, run as
 // the same tasks on the same queue as in the desktop application.
-#include <QCoreApplication>
 #include <cstdio>
-#include <filesystem>
 
 #include "app/FolderTaskMark.h"
-#include "app/UserDefaults.h"
 #include "cli/Cli.h"
 #include "cli/FolderSession.h"
-#include "disk/StorageLocations.h"
-#include "disk/URLHelpers.h"
 #include "ui/logic/FolderIntake.h"
 #include "ui/logic/FolderList.h"
 #include "vault/DBSubdb.h"
@@ -20,25 +15,11 @@ namespace qv::cli {
 
 namespace {
 
-std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
-
 bool isEncrypted(const QVRecordRef& face) {
     return FolderRef{FolderFaceRef{face}.folder().as<QVRecord>()}.encrypted().toBool();
 }
 
 QVRecordRef folderOf(const QVRecordRef& face) { return FolderFaceRef{face}.folder().as<QVRecord>(); }
-
-// Where the images of newly encrypted folders go: the chosen location when it
-// can be reached, else the default storage.
-QVRecordRef storageForNewFolder() {
-    const std::string chosen = QVUserDefaults::standardUserDefaults().stringForKey("QVDiskImageDestinationPath");
-    if (!chosen.empty()) {
-        QVError reason;
-        if (!checkResourceIsReachable(chosen, &reason)) return nullptr;
-        return QVStorageCreate(nameOf(volume(chosen)), URLValue{chosen});
-    }
-    return QVStorageDefault();
-}
 
 int usage(const char* text) {
     complain(std::string("usage: ") + text);
@@ -62,10 +43,9 @@ int cmdEncrypt(const std::vector<std::string>& args) {
             result = ExitRefused;
             continue;
         }
-        QVRecordRef storage = storageForNewFolder();
+        QVRecordRef storage = QVStorageForNewFolder(&error);
         if (!storage) {
-            complain("Default disk image location is not reachable. If you've set your default disk image folder to an "
-                     "external drive, please plug it in before encrypting any folders.");
+            complain(error.description);
             return ExitFailure;
         }
         QVRecordRef folder = QVFolderCreate(storage, URLValue{path});

@@ -16,13 +16,6 @@
 namespace qv {
 namespace {
 
-std::string parentOf(const std::string& path) {
-    const std::string p = QVTrimmedPath(path);
-    size_t slash = p.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : p.substr(0, slash);
-}
-
 bool exists(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
@@ -78,7 +71,7 @@ bool writeLines(const std::string& path, const std::vector<std::string>& lines) 
 
 // ------------------------------------------------------------------ invisibility
 
-std::string hiddenListOf(const std::string& path) { return parentOf(path) + "/.hidden"; }
+std::string hiddenListOf(const std::string& path) { return QVParentPath(path) + "/.hidden"; }
 
 bool isListedHidden(const std::string& path) {
     bool failed = false;

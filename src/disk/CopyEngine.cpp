@@ -70,13 +70,6 @@ std::string joinPath(const std::string& dir, const std::string& name) {
     return dir.back() == '/' ? dir + name : dir + "/" + name;
 }
 
-std::string parentOf(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // A path through which the *at-less libraries reach an entry of an open directory.
 std::string procPath(int dirFd, const char* name) {
     return "/proc/self/fd/" + std::to_string(dirFd) + "/" + name;
@@ -115,7 +108,7 @@ int removeTreeAt(int parent, const char* name) {
 }
 
 int removeTree(const std::string& path) {
-    Fd parent(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Fd parent(::open(QVParentPath(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent) return errno;
     return removeTreeAt(parent.get(), QVLastPathComponent(path).c_str());
 }
@@ -173,7 +166,7 @@ public:
             return copyDirectory(std::move(src), st, dstDir, dstName.c_str(), intoExisting, true);
         }
         if (intoExisting) return fail(ENOTDIR, "open");
-        Fd parent(::open(parentOf(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        Fd parent(::open(QVParentPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!parent) return fail(errno, "open parent");
         const std::string name = QVLastPathComponent(source);
         return copyEntry(parent.get(), name.c_str(), st, dstDir, dstName.c_str());

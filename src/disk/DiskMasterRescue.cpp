@@ -120,18 +120,6 @@ std::string imageExtension(const std::string& imagePath) {
     return name.substr(dot);
 }
 
-// Overwrites a plain password when it goes out of scope, whatever path is taken.
-class WipeOnExit {
-public:
-    explicit WipeOnExit(std::string& s) : s_(s) {}
-    ~WipeOnExit() { QVWipe(s_); }
-    WipeOnExit(const WipeOnExit&) = delete;
-    WipeOnExit& operator=(const WipeOnExit&) = delete;
-
-private:
-    std::string& s_;
-};
-
 } // namespace
 
 // ---------------------------------------------------------------------- the password
@@ -159,7 +147,7 @@ bool DiskMaster::rescuePassWord(const QVRecordRef& folder, const std::optional<s
         return false;
     }
     std::string& password = *plain;
-    WipeOnExit wipePassword(password);
+    QVWipeOnExit<std::string> wipePassword(password);
 
     // What another program left on the clipboard must not be taken for the password.
     const QVClipboardWriter clipboard = QVCurrentClipboardWriter();

@@ -19,13 +19,6 @@
 namespace qv {
 namespace {
 
-std::string parentOf(const std::string& path) {
-    const std::string p = QVTrimmedPath(path);
-    size_t slash = p.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : p.substr(0, slash);
-}
-
 std::string join(const std::string& dir, const std::string& name) {
     return dir == "/" ? "/" + name : dir + "/" + name;
 }
@@ -61,7 +54,7 @@ std::optional<std::string> moveFile(const std::string& path, const std::string& 
 }
 
 std::optional<std::string> moveFileUpADirectory(const std::string& path) {
-    return moveFile(path, parentOf(parentOf(path)));
+    return moveFile(path, QVParentPath(QVParentPath(path)));
 }
 
 std::optional<std::string> renameItemAtPath(const std::string& path, const std::string& newName) {
@@ -69,7 +62,7 @@ std::optional<std::string> renameItemAtPath(const std::string& path, const std::
         QV_LOG_ERROR(QVFormat("couldn't rename '%s' to '%s': %s", path.c_str(), newName.c_str(), std::strerror(EINVAL)));
         return std::nullopt;
     }
-    const std::string target = join(parentOf(path), newName);
+    const std::string target = join(QVParentPath(path), newName);
     if (exists(target)) {
         QV_LOG_ERROR(QVFormat("file exists: %s", target.c_str()));
         return std::nullopt;
@@ -87,7 +80,7 @@ std::optional<std::string> forceRenameItemAtPath(const std::string& path, const 
         QV_LOG_ERROR(QVFormat("couldn't rename '%s' to '%s': %s", path.c_str(), newName.c_str(), std::strerror(EINVAL)));
         return std::nullopt;
     }
-    const std::string parent = parentOf(path);
+    const std::string parent = QVParentPath(path);
     std::string target = join(parent, newName);
     if (target == QVTrimmedPath(path)) return target;
     int err = renameNoReplace(path, target);

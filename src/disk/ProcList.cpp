@@ -13,28 +13,6 @@
 namespace qv {
 namespace {
 
-// Reads a small /proc file whole. False when it can't be opened or read (the
-// process ended, or we may not look at it).
-bool readProcFile(const std::string& path, std::string& out, size_t limit = 16384) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    out.clear();
-    char buffer[4096];
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ::close(fd);
-            return false;
-        }
-        if (n == 0) break;
-        out.append(buffer, static_cast<size_t>(n));
-        if (out.size() >= limit) break;
-    }
-    ::close(fd);
-    return true;
-}
-
 // The command name and state of /proc/<pid>/stat: "pid (comm) S ...". The name
 // may itself hold parentheses and spaces, so it ends at the last ')'.
 bool parseStat(const std::string& stat, std::string& comm, char& state) {
@@ -66,8 +44,8 @@ bool parseUid(const std::string& status, uid_t& uid) {
 bool readEntry(pid_t pid, QVProcEntry& entry) {
     const std::string dir = "/proc/" + std::to_string(pid);
     std::string text;
-    if (!readProcFile(dir + "/stat", text, 4096) || !parseStat(text, entry.comm, entry.state)) return false;
-    if (!readProcFile(dir + "/status", text) || !parseUid(text, entry.uid)) return false;
+    if (!QVReadProcFile(dir + "/stat", text, 4096) || !parseStat(text, entry.comm, entry.state)) return false;
+    if (!QVReadProcFile(dir + "/status", text) || !parseUid(text, entry.uid)) return false;
     entry.pid = pid;
     entry.zombie = entry.state == 'Z';
     return true;
@@ -94,6 +72,26 @@ bool loadTable(std::vector<QVProcEntry>& table, const char* caller, int line) {
 }
 
 } // namespace
+
+bool QVReadProcFile(const std::string& path, std::string& out, size_t limit) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    out.clear();
+    char buffer[4096];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            ::close(fd);
+            return false;
+        }
+        if (n == 0) break;
+        out.append(buffer, static_cast<size_t>(n));
+        if (out.size() >= limit) break;
+    }
+    ::close(fd);
+    return true;
+}
 
 int GetBSDProcessList(std::vector<QVProcEntry>* procList) {
     if (!procList) {
@@ -164,7 +162,7 @@ std::optional<std::string> appForPid(pid_t pid) {
     if (pid <= 0) return std::nullopt;
     const std::string dir = "/proc/" + std::to_string(pid);
     std::string comm;
-    if (readProcFile(dir + "/comm", comm, 256)) {
+    if (QVReadProcFile(dir + "/comm", comm, 256)) {
         if (!comm.empty() && comm.back() == '\n') comm.pop_back();
         if (comm.size() < QVCommandNameLength) return comm;
         // The kernel may have cut the name: the program's file or argv[0] holds it whole.
@@ -175,7 +173,7 @@ std::optional<std::string> appForPid(pid_t pid) {
             if (exe.compare(0, comm.size(), comm) == 0) return exe;
         }
         std::string cmdline;
-        if (readProcFile(dir + "/cmdline", cmdline, 4096) && !cmdline.empty()) {
+        if (QVReadProcFile(dir + "/cmdline", cmdline, 4096) && !cmdline.empty()) {
             std::string arg0 = baseName(std::string(cmdline.c_str()));
             if (arg0.compare(0, comm.size(), comm) == 0) return arg0;
         }

@@ -35,6 +35,10 @@ struct QVProcInfo {
 // Reads every process of the system into *procList (cleared first). Returns 0,
 // or the errno that kept /proc from being read (then *procList is empty).
 // Processes that end while the table is read are left out.
+// Reads a small /proc file whole (at most about `limit` bytes). False when it
+// can't be opened or read (the process ended, or we may not look at it).
+bool QVReadProcFile(const std::string& path, std::string& out, size_t limit = 16384);
+
 int GetBSDProcessList(std::vector<QVProcEntry>* procList);
 
 // True when the command name of `pid` contains any of `names`; *outIndex, when

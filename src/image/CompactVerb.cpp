@@ -63,14 +63,9 @@ bool findFreeRanges(const std::string& disk, uint64_t diskSize, FreeRanges* out,
 int runCompact(const std::vector<std::string>& words, const VerbContext&, QVError* error) {
     ParsedArguments args;
     if (!parseArguments(words, {"-stdinpass"}, {}, &args, error)) return exitStatusOf(error);
-    SecureBytes password;
-    if (!readPasswordIfGiven(args, true, &password, error)) return exitStatusOf(error);
     ImageBundle image;
-    if (!image.open(args.positional, error)) return exitStatusOf(error);
-    if (!image.lock(error)) return exitStatusOf(error);
     SecureBytes key;
-    if (!image.unwrapKey(password, &key, error)) return exitStatusOf(error);
-    password.clear();
+    if (!openLockedWithKey(args, &image, &key, error)) return exitStatusOf(error);
 
     const uint64_t before = image.storedBytes();
     TemporaryDevice device;

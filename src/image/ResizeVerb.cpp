@@ -130,14 +130,9 @@ int runResize(const std::vector<std::string>& words, const VerbContext&, QVError
     if (!sizeWord) return refuse(error, ExitUsage, "give -size <n> or -limits");
     uint64_t size = 0;
     if (!parseImageSize(*sizeWord, &size, error)) return exitStatusOf(error);
-    SecureBytes password;
-    if (!readPasswordIfGiven(args, true, &password, error)) return exitStatusOf(error);
     ImageBundle image;
-    if (!image.open(args.positional, error)) return exitStatusOf(error);
-    if (!image.lock(error)) return exitStatusOf(error);
     SecureBytes key;
-    if (!image.unwrapKey(password, &key, error)) return exitStatusOf(error);
-    password.clear();
+    if (!openLockedWithKey(args, &image, &key, error)) return exitStatusOf(error);
     const uint64_t current = image.info().size;
     if (size == current) return ExitOK;
     return size > current ? grow(image, key, size, error) : shrink(image, key, size, error);

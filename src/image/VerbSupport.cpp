@@ -24,6 +24,15 @@ bool readPasswordIfGiven(const ParsedArguments& args, bool required, SecureBytes
     return readPasswordFromStdin(password, error);
 }
 
+bool openLockedWithKey(const ParsedArguments& args, ImageBundle* image, SecureBytes* key, QVError* error) {
+    SecureBytes password;
+    if (!readPasswordIfGiven(args, true, &password, error)) return false;
+    if (!image->open(args.positional, error) || !image->lock(error)) return false;
+    const bool unwrapped = image->unwrapKey(password, key, error);
+    password.clear();
+    return unwrapped;
+}
+
 TemporaryDevice::~TemporaryDevice() {
     if (pid_ > 0) {
         QVError ignored;

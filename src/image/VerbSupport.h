@@ -15,6 +15,11 @@ namespace qv::image {
 // The password when -stdinpass is given; with `required` its absence is a usage error.
 bool readPasswordIfGiven(const ParsedArguments& args, bool required, SecureBytes* password, QVError* error);
 
+// The steps of a verb that changes an image offline (compact, resize): the
+// password from standard input, the image opened and locked against every
+// other use, its key unwrapped. The password is wiped before returning.
+bool openLockedWithKey(const ParsedArguments& args, ImageBundle* image, SecureBytes* key, QVError* error);
+
 // A disk served by a child device process while a verb works on it (create,
 // compact, resize). Stopped at the end, or when this object goes away.
 class TemporaryDevice {

@@ -146,6 +146,17 @@ void BaseFolderTask::endProgress(const QVRecordRef& folderFace) {
         false);
 }
 
+void BaseFolderTask::showSizeInfo(const QVRecordRef& folderFace) {
+    performBlockOnMainThread(
+        [folderFace] {
+            FolderFaceRef face{folderFace};
+            face.setProgressIndeterminate(Value(false));
+            face.setProgressAnimate(Value(false));
+            FolderList::singleton().displayFolderSizeInfo(folderFace);
+        },
+        false);
+}
+
 QVError BaseFolderTask::fail(const QVRecordRef& folderFace, const std::string& message) {
     QVError error{QVAppErrorDomain(), QVErrorFailed, message};
     QV_LOG_ERROR(QVFormat("failed locked/unlocked check '%s': %s", folderName(folderFace).c_str(),

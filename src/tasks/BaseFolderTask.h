@@ -108,6 +108,10 @@ public:
     // main thread, not waited for. Every `go` ends with this or its equivalent.
     void endProgress(const QVRecordRef& folderFace);
 
+    // The bar stopped and the size line shown, the controls left as they are.
+    // Posted to the main thread, not waited for.
+    void showSizeInfo(const QVRecordRef& folderFace);
+
     // A refused task: logs, posts `message` as a sticky alert, ends the progress
     // and returns error 1001 with `message` as its description.
     QVError fail(const QVRecordRef& folderFace, const std::string& message);

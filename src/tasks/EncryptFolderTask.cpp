@@ -1,14 +1,10 @@
 #include "tasks/EncryptFolderTask.h"
 
-#include <QByteArray>
-#include <QFile>
-#include <QStandardPaths>
-#include <QString>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
+#include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +15,8 @@
 #include "disk/FileSystemVolumes.h"
 #include "disk/RenameAt.h"
 #include "disk/StorageLocations.h"
+#include "disk/Trash.h"
+#include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
@@ -32,128 +30,31 @@ namespace qv {
 
 namespace {
 
-constexpr const char* kDestinationKey = "QVDiskImageDestinationPath";
 constexpr const char* kUnknownErrorText = "Unknown error. This shouldn't ever happen, please let us know about it!";
 constexpr const char* kTrashedText =
     "The original folder has been placed in the Trash.\n\nYou can securely delete it by selecting \"Secure Empty "
     "Trash...\" from the Finder menu.";
 
-std::string parentOf(const std::string& path) {
-    const std::string p = QVTrimmedPath(path);
-    const size_t slash = p.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : p.substr(0, slash);
-}
-
 QVError appError(long code, const std::string& text) { return QVError{QVAppErrorDomain(), code, text}; }
-
-// Flushes a directory's entries, so that a rename into it outlives a crash.
-void syncDirectory(const std::string& dir) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    if (::fsync(fd) != 0) QV_LOG_WARN(QVFormat("couldn't sync '%s': %s", dir.c_str(), std::strerror(errno)));
-    ::close(fd);
-}
 
 // What the Trash step reports back to the waiting worker.
 struct TrashOutcome {
     std::atomic<bool> done{false};
     std::mutex mutex;
     bool trashed = false;
-    long code = 0;
-    std::string description;
+    QVError error;
     std::string strayPath;  // where the folder went when it was not a Trash
 };
 
-// The home Trash, made when missing. Qt falls back to it when a volume has no
-// Trash of its own, and when it can't make it either, Qt moves the item into
-// the working directory instead: so it must stand as a directory before Qt is
-// asked. "" with *why when it can't.
-std::string ensureHomeTrash(int* code, std::string* why) {
-    const QString dataHome = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    if (dataHome.isEmpty()) {
-        *code = ENOENT;
-        *why = "There is no data directory to keep the Trash in.";
-        return "";
-    }
-    const std::string trash = QFile::encodeName(dataHome).toStdString() + "/Trash";
-    std::error_code ec;
-    std::filesystem::create_directories(QFile::encodeName(dataHome).toStdString(), ec);
-    for (const std::string& dir : {trash, trash + "/files", trash + "/info"}) {
-        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-            *code = errno;
-            *why = QVFormat("Couldn't make the Trash at '%s': %s", dir.c_str(), std::strerror(errno));
-            return "";
-        }
-        struct stat st;
-        if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-            *code = ENOTDIR;
-            *why = QVFormat("The Trash at '%s' is not a folder.", dir.c_str());
-            return "";
-        }
-    }
-    return trash;
-}
-
-// Whether `path` lies in the files of a freedesktop Trash: the home Trash, or
-// "<volume>/.Trash/<uid>" or "<volume>/.Trash-<uid>".
-bool isInATrash(const std::string& path, const std::string& homeTrash) {
-    if (path.empty() || path.front() != '/') return false;
-    const std::string dir = parentOf(path);
-    if (QVLastPathComponent(dir) != "files") return false;
-    const std::string trash = parentOf(dir);
-    const std::string uid = std::to_string(::getuid());
-    return trash == homeTrash || QVLastPathComponent(trash) == ".Trash-" + uid ||
-           (QVLastPathComponent(trash) == uid && QVLastPathComponent(parentOf(trash)) == ".Trash");
-}
-
-// Moves the item to the desktop Trash. Runs on the main thread; sets `done`
-// whatever happens. Qt takes paths as text: a name that does not come back to
-// the same bytes would make it trash another item, so such a name is refused.
+// The Trash is the desktop's, reached on the main thread; sets `done` whatever happens.
 void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutcome>& outcome) {
-    bool trashed = false;
-    long code = 0;
-    std::string description;
+    QVError error;
     std::string stray;
-    const QByteArray bytes(path.data(), qsizetype(path.size()));
-    const QString name = QFile::decodeName(bytes);
-    int trashCode = 0;
-    const std::string homeTrash = ensureHomeTrash(&trashCode, &description);
-    if (homeTrash.empty()) {
-        code = trashCode;
-    } else if (QFile::encodeName(name) != bytes) {
-        code = EILSEQ;
-        description = "The folder's path can't be handed to the Trash as it is not valid text.";
-    } else {
-        QFile file(name);
-        trashed = file.moveToTrash();
-        if (!trashed) {
-            code = long(file.error());
-            description = file.errorString().toStdString();
-            if (description.empty()) description = kUnknownErrorText;
-        } else if (const std::string where = QFile::encodeName(file.fileName()).toStdString();
-                   !isInATrash(where, homeTrash)) {
-            // Somewhere that is no Trash: put it back and call it a failure.
-            QV_LOG_ERROR(QVFormat("the Trash put '%s' at '%s'", path.c_str(), where.c_str()));
-            if (QVRenameNoReplaceAt(AT_FDCWD, where.c_str(), AT_FDCWD, path.c_str()) == 0) {
-                // Its note of where it came from goes with it.
-                const std::string info = parentOf(parentOf(where)) + "/info/" + QVLastPathComponent(where) + ".trashinfo";
-                ::unlink(info.c_str());
-                trashed = false;
-                code = QVErrorFailed;
-                description = "The Trash could not be found.";
-            } else {
-                // The folder stays where it went; the complete image is kept and
-                // the user is told where to find the original.
-                stray = where;
-            }
-        }
-    }
+    const bool trashed = QVMoveToTrash(path, &error, &stray);
     {
         std::lock_guard lock(outcome->mutex);
         outcome->trashed = trashed;
-        outcome->code = code;
-        outcome->description = description;
+        outcome->error = error;
         outcome->strayPath = stray;
     }
     outcome->done.store(true);
@@ -191,10 +92,7 @@ std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderF
     const std::string url = QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
     const std::string name = QVLastPathComponent(url);
 
-    const Value setting = QVUserDefaults::standardUserDefaults().objectForKey(kDestinationKey);
-    std::string destination = setting.isURL() ? setting.toURLPath() : setting.isString() ? setting.toString() : "";
-    if (destination.rfind("file://", 0) == 0) destination = destination.substr(7);
-    destination = QVTrimmedPath(destination);
+    const std::string destination = QVTrimmedPath(QVDiskImageDestinationPath());
     if (!destination.empty()) {
         struct stat st;
         const bool exists = ::stat(destination.c_str(), &st) == 0;
@@ -202,7 +100,7 @@ std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderF
         if (isDir && exists) return (destination == "/" ? "" : destination) + "/" + name;
         QV_LOG_FAILED("!isDir || !exists");
     }
-    const std::string grandparent = parentOf(parentOf(url));
+    const std::string grandparent = QVParentPath(QVParentPath(url));
     return (grandparent == "/" ? "" : grandparent) + "/" + name;
 }
 
@@ -293,7 +191,8 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         const std::string to = storageDir + "/" + QVLastPathComponent(from);
         const int err = QVRenameNoReplaceAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str());
         if (err == 0) {
-            syncDirectory(storageDir);
+            if (QVError syncError; !QVSyncDirectory(storageDir, &syncError))
+                QV_LOG_WARN(QVFormat("couldn't sync '%s': %s", storageDir.c_str(), syncError.description.c_str()));
             info.setUrl(Value::url(to));
         } else {
             const std::string why = std::strerror(err);
@@ -325,9 +224,9 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         std::lock_guard lock(outcome->mutex);
         if (!outcome->trashed) {
             QV_LOG_ERROR(
-                QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome->description.c_str()));
-            error = appError(outcome->code,
-                             QVFormat("Failed to trash '%s':\n\n%s", name.c_str(), outcome->description.c_str()));
+                QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome->error.description.c_str()));
+            error = appError(outcome->error.code, QVFormat("Failed to trash '%s':\n\n%s", name.c_str(),
+                                                           outcome->error.description.c_str()));
         } else if (!outcome->strayPath.empty()) {
             strayed = true;
             QVNotificationCenter::defaultCenter().postAlert(
@@ -346,7 +245,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         if (::mkdir(mountpointPath.c_str(), 0777) != 0) {
             const std::string why = std::strerror(errno);
             QV_LOG_ERROR(QVFormat("failed to re-create folder! '%s': %s", mountpointPath.c_str(), why.c_str()));
-            const std::string parent = parentOf(mountpointPath);
+            const std::string parent = QVParentPath(mountpointPath);
             performBlockOnMainThread([why, mountpointPath, parent] {
                 QV_LOG_WARN(why);
                 QVNotificationCenter::defaultCenter().postCritical(
@@ -396,7 +295,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         // Done: file managers hear of the new folder, the record is saved encrypted.
         notePathChanged(mountpointPath);
         f.setMountpoint(Value::url(mountpointPath));
-        notePathChanged(parentOf(mountpointPath));
+        notePathChanged(QVParentPath(mountpointPath));
         QVNotificationCenter::defaultCenter().postInfo(QVFormat("Encrypted '%s'.", name.c_str()), false);
         performBlockOnMainThread(
             [&] {

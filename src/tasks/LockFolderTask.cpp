@@ -82,14 +82,7 @@ OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
                 error = unmountError;
             }
         }
-        performBlockOnMainThread(
-            [folderFace] {
-                FolderFaceRef ff{folderFace};
-                ff.setProgressIndeterminate(Value(false));
-                ff.setProgressAnimate(Value(false));
-                FolderList::singleton().displayFolderSizeInfo(folderFace);
-            },
-            false);
+        showSizeInfo(folderFace);
     }
 
     // 4. Locked.

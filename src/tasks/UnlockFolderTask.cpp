@@ -150,14 +150,7 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
                                      true);
             }
         }
-        performBlockOnMainThread(
-            [folderFace] {
-                FolderFaceRef ff{folderFace};
-                ff.setProgressIndeterminate(Value(false));
-                ff.setProgressAnimate(Value(false));
-                FolderList::singleton().displayFolderSizeInfo(folderFace);
-            },
-            false);
+        showSizeInfo(folderFace);
     }
 
     // 6. Unlocked: measure, run the actions, tell.

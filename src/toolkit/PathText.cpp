@@ -7,6 +7,13 @@ std::string QVTrimmedPath(std::string path) {
     return path;
 }
 
+std::string QVParentPath(const std::string& path) {
+    const std::string p = QVTrimmedPath(path);
+    const size_t slash = p.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : p.substr(0, slash);
+}
+
 std::string QVLastPathComponent(const std::string& path) {
     const std::string p = QVTrimmedPath(path);
     const size_t slash = p.rfind('/');

@@ -8,6 +8,10 @@ namespace qv {
 // The path without trailing slashes; "/" stays "/".
 std::string QVTrimmedPath(std::string path);
 
+// The folder that holds the path, trailing slashes ignored: "/a/b/" gives
+// "/a", "/a" gives "/", a bare name gives ".".
+std::string QVParentPath(const std::string& path);
+
 // The last component of the path, trailing slashes ignored ("/a/b/" gives "b");
 // the whole text when it holds no slash; "" for "/".
 std::string QVLastPathComponent(const std::string& path);

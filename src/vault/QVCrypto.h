@@ -59,4 +59,18 @@ void QVWipe(void* p, size_t n);
 void QVWipe(std::string& s);
 void QVWipe(Bytes& b);
 
+// Overwrites a secret (a std::string or Bytes) when it goes out of scope,
+// whichever way the scope is left.
+template <class Secret>
+class QVWipeOnExit {
+public:
+    explicit QVWipeOnExit(Secret& secret) : secret_(secret) {}
+    ~QVWipeOnExit() { QVWipe(secret_); }
+    QVWipeOnExit(const QVWipeOnExit&) = delete;
+    QVWipeOnExit& operator=(const QVWipeOnExit&) = delete;
+
+private:
+    Secret& secret_;
+};
+
 } // namespace qv

@@ -14,6 +14,7 @@
 #include "app/UserDefaults.h"
 #include "disk/FileSystemVolumes.h"
 #include "disk/Locations.h"
+#include "disk/StorageLocations.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
 #include "ui/logic/FolderList.h"
@@ -26,7 +27,6 @@ namespace qv {
 
 namespace {
 
-constexpr const char* kDestinationKey = "QVDiskImageDestinationPath";
 
 constexpr const char* kLibraryQuestionTitle = "Encrypting folder in ~/Library - Are you sure?";
 constexpr const char* kLibraryQuestionText =
@@ -119,14 +119,6 @@ bool isFolderOfTheSet(const std::vector<std::string>& forms) {
     return false;
 }
 
-// The path as the defaults keep it: a plain path or a file URL; "" when unset.
-std::string defaultDestinationPath() {
-    const Value value = QVUserDefaults::standardUserDefaults().objectForKey(kDestinationKey);
-    std::string path = value.isURL() ? value.toURLPath() : value.isString() ? value.toString() : std::string();
-    if (path.rfind("file://", 0) == 0) path = path.substr(7);
-    return path;
-}
-
 // Where images of ours are kept: the storages of the set's folders and the
 // default image destination.
 std::vector<std::string> imageStores() {
@@ -135,7 +127,7 @@ std::vector<std::string> imageStores() {
         const std::string url = StorageRef{FolderRef{folder}.storage().as<QVRecord>()}.url().toURLPath();
         if (!url.empty()) stores.push_back(url);
     }
-    if (std::string destination = defaultDestinationPath(); !destination.empty()) stores.push_back(destination);
+    if (std::string destination = QVDiskImageDestinationPath(); !destination.empty()) stores.push_back(destination);
     return stores;
 }
 
@@ -208,17 +200,25 @@ bool isGoodSparseBundleAtURL(const std::string& path, const QVIntakeResourceValu
     return true;
 }
 
+namespace {
+
+bool readValuesOrRefuse(const std::string& path, QVIntakeResourceValues* info, QVError* error) {
+    QVError reason;
+    if (QVReadIntakeResourceValues(path, info, &reason)) return true;
+    return refuse(error, reason.code,
+                  QVFormat("Failed to read attributes for folder:\n\n%s\n\nGot error: %s", path.c_str(),
+                           reason.description.c_str()));
+}
+
+} // namespace
+
 bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
     const std::string path = cleanPath(givenPath);
     const std::vector<std::string> forms = spellings(path);
 
     // What the item is, all read at once.
     QVIntakeResourceValues info;
-    QVError reason;
-    if (!QVReadIntakeResourceValues(path, &info, &reason))
-        return refuse(error, reason.code,
-                      QVFormat("Failed to read attributes for folder:\n\n%s\n\nGot error: %s", path.c_str(),
-                               reason.description.c_str()));
+    if (!readValuesOrRefuse(path, &info, error)) return false;
     // A folder, and not a link to one: the Trash and the new mount point
     // would act on the link.
     if (!info.isDirectory) return refuse(error, QVErrorRefused, "Please drag a folder onto Quillvane.");
@@ -295,7 +295,7 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
                     [](const std::string& a, const std::string& b) { return isSameOrInside(b, a); }) ||
         holdsImageStore(forms))
         return refuse(error, QVErrorRefused, kOurDataText);
-    if (!checkResourceIsReachable(path, &reason)) {
+    if (QVError reason; !checkResourceIsReachable(path, &reason)) {
         QV_LOG_ERROR(QVFormat("url unreachable: %s: %s", path.c_str(), reason.description.c_str()));
         return refuse(error, reason.code,
                       QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
@@ -314,11 +314,7 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
 
     // What the item is, all read at once.
     QVIntakeResourceValues info;
-    QVError reason;
-    if (!QVReadIntakeResourceValues(path, &info, &reason))
-        return refuse(error, reason.code,
-                      QVFormat("Failed to read attributes for folder:\n\n%s\n\nGot error: %s", path.c_str(),
-                               reason.description.c_str()));
+    if (!readValuesOrRefuse(path, &info, error)) return false;
     if (!info.isDirectory) return refuse(error, QVErrorRefused, "Please, select a folder.");
     // An image chosen as the place: nothing more to ask of it here.
     if (info.isPackage) return true;
@@ -353,10 +349,27 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
     for (const std::string& form : forms)
         if (!bundle.empty() && bundle.find(form) != std::string::npos)
             return refuse(error, QVErrorRefused, "This folder contains Quillvane.");
-    if (!checkResourceIsReachable(path, &reason))
+    if (QVError reason; !checkResourceIsReachable(path, &reason))
         return refuse(error, reason.code,
                       QVFormat("Folder is not reachable, error:\n\n%s", reason.description.c_str()));
     return true;
+}
+
+QVRecordRef QVStorageForNewFolder(QVError* error) {
+    const std::string chosen = QVDiskImageDestinationPath();
+    if (chosen.empty()) return QVStorageDefault();
+    QVError reason;
+    if (!checkResourceIsReachable(chosen, &reason)) {
+        const std::string text = QVFormat(
+            "Default disk image location is not reachable. If you've set your default disk image folder to an "
+            "external drive, please plug it in before encrypting any folders.\n\n%s",
+            reason.description.c_str());
+        QV_LOG_WARN(text);
+        QVSetAppError(error, -1, text);
+        return nullptr;
+    }
+    const std::string name = volnameAtURL(chosen).value_or(QVLastPathComponent(volume(chosen)));
+    return QVStorageCreate(name, URLValue{chosen});
 }
 
 } // namespace qv

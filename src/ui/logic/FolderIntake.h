@@ -14,6 +14,7 @@
 #include <string>
 
 #include "toolkit/QVError.h"
+#include "vault/QVRecord.h"
 
 namespace qv {
 
@@ -70,6 +71,13 @@ bool isGoodImageDestination(const std::string& path, const std::string& mountpoi
 // A sparse bundle dropped to be imported: always accepted here; the import
 // checks the image itself.
 bool isGoodSparseBundleAtURL(const std::string& path, const QVIntakeResourceValues& info, QVError* error);
+
+// The Storage that a folder accepted for encryption gets: the folder chosen for
+// new images (QVDiskImageDestinationPath), named after its volume, when one is
+// chosen and reachable; the default storage when none is chosen. Null with
+// error -1 and "Default disk image location is not reachable. ..." when the
+// chosen folder can't be reached (an external drive that isn't plugged in).
+QVRecordRef QVStorageForNewFolder(QVError* error);
 
 // The directory of the running program's install: where its executable lies.
 std::string QVApplicationBundlePath();

@@ -156,7 +156,6 @@ void FolderList::loadSubdb(const std::shared_ptr<DBSubdb>& subdb) {
         setupFolderFace(face);
         // Every folder that was on show keeps its actions in the cache.
         ActionsCache::actionsCache().setActionsForFolder(FolderFaceRef{face}.folder().as<QVRecord>());
-        if (folderLoadedHandler_) folderLoadedHandler_(face);
     }
 }
 

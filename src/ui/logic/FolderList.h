@@ -122,13 +122,6 @@ public:
     bool showsEmptyList() const { return showsEmptyList_; }
     void setEmptyListHandler(std::function<void()> handler) { emptyListHandler_ = std::move(handler); }
 
-    // Told of each face that loadSubdb sets up, after its setup and after the
-    // actions cache has noted the folder: auto-lock keeps its own note of every
-    // folder that was on show.
-    void setFolderLoadedHandler(std::function<void(const QVRecordRef& face)> handler) {
-        folderLoadedHandler_ = std::move(handler);
-    }
-
     // The face whose details are on show (the front end says), for the action icons.
     void setDetailsFace(const QVRecordRef& face) { detailsFace_ = face; }
 
@@ -170,7 +163,6 @@ private:
     std::optional<size_t> selected_;
     bool showsEmptyList_ = false;
     std::function<void()> emptyListHandler_;
-    std::function<void(const QVRecordRef&)> folderLoadedHandler_;
     QVRecordRef detailsFace_;
     TaskMakers makers_;
     OperationQueue* queue_ = nullptr;
