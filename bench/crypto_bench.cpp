@@ -10,8 +10,6 @@
 // machine hits both alike.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,9 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "vault/QVCrypto.h"
-
-extern char** environ;
 
 namespace {
 
@@ -34,31 +31,9 @@ constexpr uint32_t kR = 8;
 constexpr uint32_t kP = 1;
 const char* kTool = "/usr/bin/scrypt";
 
-using Clock = std::chrono::steady_clock;
+using qv::bench::Clock;
+using qv::bench::secondsSince;
 
-double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
-
-// Runs the tool with its output streams discarded; true if it exited with 0.
-bool runTool(std::vector<std::string> args) {
-    args.insert(args.begin(), kTool);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, kTool, &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) return false;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return false;
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 void BM_ContainerVsScryptTool(benchmark::State& state) {
     if (access(kTool, X_OK) != 0) {
@@ -99,11 +74,11 @@ void BM_ContainerVsScryptTool(benchmark::State& state) {
 
         std::filesystem::remove(dir + "/out");
         t0 = Clock::now();
-        bool ok = runTool(toolArgs);
+        bool ok = qv::bench::runTool(kTool, toolArgs);
         double b = secondsSince(t0);
 
         t0 = Clock::now();
-        runTool({"--version"});
+        qv::bench::runTool(kTool, {"--version"});
         startup += secondsSince(t0);
 
         if (rc != 0 || !ok) {

@@ -12,8 +12,6 @@
 // temporary directory).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,42 +23,21 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "disk/CopyEngine.h"
 #include "disk/ProcessRunner.h"
 #include "disk/SizeWalk.h"
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using qv::bench::Clock;
+using qv::bench::secondsSince;
 
 constexpr int kFolders = 200;
 constexpr int kFilesPerFolder = 100;
 constexpr int kHardLinks = 500;
 
-double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
-
-// Runs a tool with its output discarded; true if it exited with 0.
-bool runTool(std::vector<std::string> args) {
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) return false;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return false;
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 // Writes out what the last round left in memory, so that it doesn't slow the next.
 void syncDisk(const std::string& dir) {
@@ -126,16 +103,29 @@ private:
     bool ok_ = false;
 };
 
+// The counters of a comparison and its line: "<ours> / <tool> ratio: ...".
+void report(benchmark::State& state, const char* ours, const std::string& tool, const char* toolCommand,
+            double oursTime, double toolTime, double startup) {
+    const double n = static_cast<double>(state.iterations());
+    state.counters["ours_ms"] = 1000 * oursTime / n;
+    state.counters[tool + "_ms"] = 1000 * toolTime / n;
+    state.counters[tool + "_startup_ms"] = 1000 * startup / n;
+    state.counters["ours_over_" + tool] = oursTime / toolTime;
+    std::printf("%s / %s ratio: %.3f (%d files; ours %.1f ms, %s %.1f ms incl. %.1f ms start-up)\n", ours,
+                toolCommand, oursTime / toolTime, kFolders * kFilesPerFolder + kHardLinks, 1000 * oursTime / n,
+                tool.c_str(), 1000 * toolTime / n, 1000 * startup / n);
+}
+
 void BM_SizeWalkVsDu(benchmark::State& state) {
     BenchTree& t = BenchTree::shared();
     if (!t.ok() || ::access("/usr/bin/du", X_OK) != 0) {
         state.SkipWithError("no tree, or no /usr/bin/du");
         return;
     }
-    const std::vector<std::string> du{"/usr/bin/du", "-s", "-B512", t.tree()};
+    const std::vector<std::string> duArgs{"-s", "-B512", t.tree()};
     // The two must agree before their speeds mean anything.
     qv::QVError error;
-    auto duOut = qv::quickCommand(du[0], {du[1], du[2], du[3]}, &error);
+    auto duOut = qv::quickCommand("/usr/bin/du", duArgs, &error);
     const int64_t ours = qv::num512BlocksInDir(t.tree());
     if (!duOut || ours != std::stoll(*duOut)) {
         state.SkipWithError("num512BlocksInDir and du disagree");
@@ -147,10 +137,10 @@ void BM_SizeWalkVsDu(benchmark::State& state) {
         benchmark::DoNotOptimize(qv::num512BlocksInDir(t.tree()));
         const double a = secondsSince(t0);
         t0 = Clock::now();
-        const bool ok = runTool(du);
+        const bool ok = qv::bench::runTool("/usr/bin/du", duArgs);
         const double b = secondsSince(t0);
         t0 = Clock::now();
-        runTool({"/usr/bin/du", "--version"});
+        qv::bench::runTool("/usr/bin/du", {"--version"});
         startup += secondsSince(t0);
         if (!ok) {
             state.SkipWithError("du failed");
@@ -160,14 +150,7 @@ void BM_SizeWalkVsDu(benchmark::State& state) {
         toolTime += b;
         state.SetIterationTime(a);
     }
-    const double n = static_cast<double>(state.iterations());
-    state.counters["ours_ms"] = 1000 * oursTime / n;
-    state.counters["du_ms"] = 1000 * toolTime / n;
-    state.counters["du_startup_ms"] = 1000 * startup / n;
-    state.counters["ours_over_du"] = oursTime / toolTime;
-    std::printf("size walk / du -s ratio: %.3f (%d files; ours %.1f ms, du %.1f ms incl. %.1f ms start-up)\n",
-                oursTime / toolTime, kFolders * kFilesPerFolder + kHardLinks, 1000 * oursTime / n,
-                1000 * toolTime / n, 1000 * startup / n);
+    report(state, "size walk", "du", "du -s", oursTime, toolTime, startup);
 }
 BENCHMARK(BM_SizeWalkVsDu)->Iterations(10)->UseManualTime()->Unit(benchmark::kMillisecond);
 
@@ -193,7 +176,7 @@ void BM_CopyVsCp(benchmark::State& state) {
         };
         auto runCp = [&] {
             auto t0 = Clock::now();
-            ok = runTool({"/usr/bin/cp", "-a", t.tree(), cpDst});
+            ok = qv::bench::runTool("/usr/bin/cp", {"-a", t.tree(), cpDst});
             b = secondsSince(t0);
         };
         // Each goes first every other round: the one after the clean-up would
@@ -206,7 +189,7 @@ void BM_CopyVsCp(benchmark::State& state) {
             runOurs();
         }
         auto t0 = Clock::now();
-        runTool({"/usr/bin/cp", "--version"});
+        qv::bench::runTool("/usr/bin/cp", {"--version"});
         startup += secondsSince(t0);
         std::error_code ec;
         fs::remove_all(oursDst, ec);
@@ -220,14 +203,7 @@ void BM_CopyVsCp(benchmark::State& state) {
         toolTime += b;
         state.SetIterationTime(a);
     }
-    const double n = static_cast<double>(state.iterations());
-    state.counters["ours_ms"] = 1000 * oursTime / n;
-    state.counters["cp_ms"] = 1000 * toolTime / n;
-    state.counters["cp_startup_ms"] = 1000 * startup / n;
-    state.counters["ours_over_cp"] = oursTime / toolTime;
-    std::printf("copy engine / cp -a ratio: %.3f (%d files; ours %.1f ms, cp %.1f ms incl. %.1f ms start-up)\n",
-                oursTime / toolTime, kFolders * kFilesPerFolder + kHardLinks, 1000 * oursTime / n,
-                1000 * toolTime / n, 1000 * startup / n);
+    report(state, "copy engine", "cp", "cp -a", oursTime, toolTime, startup);
 }
 BENCHMARK(BM_CopyVsCp)->Iterations(6)->UseManualTime()->Unit(benchmark::kMillisecond);
 
