@@ -1,18 +1,17 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <cstdio>
-#include <fstream>
 #include <limits>
 #include <random>
 
+#include "support/RunProcess.h"
 #include "vault/KeyedArchive.h"
 
 using namespace qv;
 
 namespace {
 
-// An archivable test class that exercises every kind of field.
+// An archivable test class with every kind of field.
 class Pin : public Object {
 public:
     std::string label;
@@ -56,28 +55,25 @@ const bool refusingRegistered =
 Value roundTrip(const Value& v) {
     QVError error;
     auto data = archivedDataWithRootObject(v, &error);
-    EXPECT_TRUE(data) << error.description;
     auto back = data ? unarchiveObjectWithData(*data, &error) : std::nullopt;
     EXPECT_TRUE(back) << error.description;
     return back ? *back : Value();
 }
 
 // A refusal: no result, error 1001 of our domain, whose description has `words`.
-void expectRefused(const QVError& error, const std::string& words) {
+void expectRefused(bool produced, const QVError& error, const std::string& words) {
+    EXPECT_FALSE(produced) << words;
     EXPECT_EQ(error.domain, QVAppErrorDomain());
     EXPECT_EQ(error.code, QVErrorFailed);
     EXPECT_NE(error.description.find(words), std::string::npos) << error.description;
 }
 void expectRefusedWrite(const Value& v, const std::string& words) {
     QVError error;
-    EXPECT_FALSE(archivedDataWithRootObject(v, &error));
-    expectRefused(error, words);
-    EXPECT_NE(error.description.find("write"), std::string::npos);
+    expectRefused(archivedDataWithRootObject(v, &error).has_value(), error, words);
 }
 void expectRefusedRead(const Bytes& bytes, const std::string& words) {
     QVError error;
-    EXPECT_FALSE(unarchiveObjectWithData(bytes, &error));
-    expectRefused(error, words);
+    expectRefused(unarchiveObjectWithData(bytes, &error).has_value(), error, words);
 }
 
 // Hand-made archives, for what our writer never produces.
@@ -86,19 +82,14 @@ plist_t dict(std::initializer_list<std::pair<const char*, plist_t>> items) {
     for (const auto& [key, node] : items) plist_dict_set_item(d, key, node);
     return d;
 }
-plist_t uids(std::initializer_list<uint64_t> refs) {
+plist_t list(std::initializer_list<plist_t> items) {
     plist_t a = plist_new_array();
-    for (auto r : refs) plist_array_append_item(a, plist_new_uid(r));
+    for (plist_t i : items) plist_array_append_item(a, i);
     return a;
 }
 plist_t uid(uint64_t r) { return plist_new_uid(r); }
 plist_t str(const char* s) { return plist_new_string(s); }
-plist_t cls(const char* name) {
-    plist_t list = plist_new_array();
-    plist_array_append_item(list, str(name));
-    plist_array_append_item(list, str("NSObject"));
-    return dict({{"$classname", str(name)}, {"$classes", list}});
-}
+plist_t cls(const char* name) { return dict({{"$classname", str(name)}, {"$classes", list({str(name), str("NSObject")})}}); }
 Bytes toBin(plist_t node) {
     char* bin = nullptr;
     uint32_t len = 0;
@@ -111,40 +102,36 @@ Bytes toBin(plist_t node) {
 // $objects = ["$null", objects...], root UID 1 unless told.
 Bytes archive(std::vector<plist_t> objects, uint64_t root = 1, const char* archiver = "NSKeyedArchiver",
               uint64_t version = 100000) {
-    plist_t list = plist_new_array();
-    plist_array_append_item(list, str("$null"));
-    for (plist_t o : objects) plist_array_append_item(list, o);
-    return toBin(dict({{"$archiver", str(archiver)},
-                       {"$version", plist_new_uint(version)},
-                       {"$top", dict({{"root", uid(root)}})},
-                       {"$objects", list}}));
+    plist_t all = list({str("$null")});
+    for (plist_t o : objects) plist_array_append_item(all, o);
+    return toBin(dict({{"$archiver", str(archiver)}, {"$version", plist_new_uint(version)},
+                       {"$top", dict({{"root", uid(root)}})}, {"$objects", all}}));
 }
 
-// A raw binary property list; objects are given as marker bytes and contents,
-// references and offsets are 4 bytes wide.
-Bytes rawBplist(const std::vector<Bytes>& objects, uint64_t root = 0) {
+// A raw binary property list, root object 0; objects are given as marker bytes
+// and contents, references and offsets are 4 bytes wide.
+void putBE(Bytes& out, uint64_t v, int n) {
+    for (int i = n - 1; i >= 0; --i) out.push_back(uint8_t(v >> (8 * i)));
+}
+Bytes rawBplist(const std::vector<Bytes>& objects) {
     Bytes out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-    auto put = [&](uint64_t v, int n) {
-        for (int i = n - 1; i >= 0; --i) out.push_back(uint8_t(v >> (8 * i)));
-    };
     std::vector<uint64_t> offsets;
     for (const auto& o : objects) {
         offsets.push_back(out.size());
         out.insert(out.end(), o.begin(), o.end());
     }
-    uint64_t table = out.size();
-    for (auto off : offsets) put(off, 4);
-    put(0, 6);
-    put(0x0404, 2);
-    put(objects.size(), 8);
-    put(root, 8);
-    put(table, 8);
+    const uint64_t table = out.size();
+    for (auto off : offsets) putBE(out, off, 4);
+    putBE(out, 0x0404, 8);
+    putBE(out, objects.size(), 8);
+    putBE(out, 0, 8);
+    putBE(out, table, 8);
     return out;
 }
 Bytes rawArray(const std::vector<uint32_t>& refs) {
-    Bytes o = {0xAF, 0x12, uint8_t(refs.size() >> 24), uint8_t(refs.size() >> 16), uint8_t(refs.size() >> 8),
-               uint8_t(refs.size())};
-    for (auto r : refs) o.insert(o.end(), {uint8_t(r >> 24), uint8_t(r >> 16), uint8_t(r >> 8), uint8_t(r)});
+    Bytes o = {0xAF, 0x12};
+    putBE(o, refs.size(), 4);
+    for (auto r : refs) putBE(o, r, 4);
     return o;
 }
 
@@ -156,13 +143,9 @@ Value sampleGraph() {
     pin->weight = 0.25;
     pin->pinned = true;
     pin->next = shared;
-    return Value::newDict({{"name", Value("Zoë 😀")},
-                           {"bytes", Value(Bytes{0, 1, 2, 255})},
-                           {"where", Value::url("/home/user/My Docs/ü?#%")},
-                           {"when", Value::date(1700000000.5)},
-                           {"list", shared},
-                           {"again", shared},
-                           {"pin", Value(pin)},
+    return Value::newDict({{"name", Value("Zoë 😀")}, {"bytes", Value(Bytes{0, 1, 2, 255})},
+                           {"where", Value::url("/home/user/My Docs/ü?#%")}, {"when", Value::date(1700000000.5)},
+                           {"list", shared}, {"again", shared}, {"pin", Value(pin)},
                            {DictKey(Bytes{0xde, 0xad}), Value(true)}});
 }
 
@@ -172,40 +155,28 @@ TEST(KeyedArchive, RoundTripsEveryKindOfValue) {
     ASSERT_TRUE(pinRegistered && refusingRegistered);
     Value original = Value::newDict({
         {"unicode", Value("Zoë – 日本 😀")},
-        {"empty string", Value("")},
         {"min", Value(std::numeric_limits<int64_t>::min())},
         {"max", Value(std::numeric_limits<int64_t>::max())},
-        {"zero", Value(0)},
-        {"real", Value(0.1)},
         {"half", Value(0.5)},
         {"false", Value(false)},
-        {"data", Value(Bytes{0, 0, 7, 0xff})},
         {"empty data", Value(Bytes{})},
         {"url", Value::url("/tmp/a b/ü/100%/x?y#z;q")},
-        {"date", Value::date(1234567890.25)},
-        {"old date", Value::date(-1e6)},
+        {"date", Value::date(-1e6)},
         {"array", Value::newArray({Value(1), Value(), Value::newArray()})},
-        {"empty dict", Value::newDict()},
         {DictKey(Bytes{0, 1, 2}), Value("data key")},
         {"$dollar", Value("a key that looks like the archive's own")},
     });
     Value back = roundTrip(original);
-    ASSERT_EQ(back.kind(), Value::Kind::Dict);
-    EXPECT_TRUE(back.equals(original, true)) << back.description();
+    ASSERT_TRUE(back.equals(original, true)) << back.description();
     // Value equality takes 1 for 1.0 and true; the kinds must survive as well.
     const Dict& b = *back.toDict();
     EXPECT_EQ(QVDictGet(b, "false").kind(), Value::Kind::Bool);
-    EXPECT_EQ(QVDictGet(b, "zero").kind(), Value::Kind::Int);
     EXPECT_EQ(QVDictGet(b, "half").kind(), Value::Kind::Real);
     EXPECT_EQ(QVDictGet(b, "date").kind(), Value::Kind::Date);
-    EXPECT_TRUE(QVDictGet(b, "array").toArray()->at(1).isNull());
 
-    EXPECT_EQ(roundTrip(Value("alone")).toString(), "alone");
-    QVError error;
-    auto nothing = unarchiveObjectWithData(*archivedDataWithRootObject(Value()), &error);
+    auto nothing = unarchiveObjectWithData(*archivedDataWithRootObject(Value()), nullptr);
     ASSERT_TRUE(nothing);  // a null root is a result, not a failure
     EXPECT_TRUE(nothing->isNull());
-    EXPECT_TRUE(error.empty());
 }
 
 TEST(KeyedArchive, SharedObjectsStaySharedAndDistinctOnesDistinct) {
@@ -218,10 +189,7 @@ TEST(KeyedArchive, SharedObjectsStaySharedAndDistinctOnesDistinct) {
     auto pin = QVDictGet(b, "pin").as<Pin>();
     ASSERT_TRUE(pin);
     EXPECT_EQ(pin->next.toArray(), list);
-    EXPECT_EQ(pin->label, "pin");
-    EXPECT_EQ(pin->x, -7);
-    EXPECT_EQ(pin->weight, 0.25);
-    EXPECT_TRUE(pin->pinned);
+    EXPECT_TRUE(pin->label == "pin" && pin->x == -7 && pin->weight == 0.25 && pin->pinned);
 
     Value twins = roundTrip(Value::newArray({Value::newArray({Value(1)}), Value::newArray({Value(1)})}));
     EXPECT_NE(twins.toArray()->at(0).toArray(), twins.toArray()->at(1).toArray());
@@ -239,7 +207,6 @@ TEST(KeyedArchive, WritingRefusesWhatCouldNotBeReadBack) {
     expectRefusedWrite(Value::newArray({Value(std::make_shared<Refusing>())}), "refused");
     expectRefusedWrite(Value(std::string("bad \xff utf8")), "UTF-8");
     expectRefusedWrite(Value(std::string("nul\0inside", 10)), "NUL");
-    expectRefusedWrite(Value::newDict({{DictKey(std::string("\xc0\x80")), Value(1)}}), "UTF-8");
     expectRefusedWrite(Value::url("relative/path"), "absolute");
     EXPECT_FALSE(QVRegisterArchivableClass("NSURL", [](KeyedDecoder&) { return ObjectRef(); }));
 
@@ -262,10 +229,8 @@ TEST(KeyedArchive, WritingRefusesWhatCouldNotBeReadBack) {
 
 TEST(KeyedArchive, FileURLStrings) {
     EXPECT_EQ(QVFileURLStringFromPath("/a b/ü;%?#[]"), "file:///a%20b/%C3%BC%3B%25%3F%23%5B%5D");
-    EXPECT_EQ(QVFileURLStringFromPath("/keep-._~!$&'()*+,=:@"), "file:///keep-._~!$&'()*+,=:@");
     EXPECT_EQ(QVPathFromFileURLString("FILE://localhost/a%20b/%c3%bc"), "/a b/ü");
-    for (const char* u : {"http:///x", "file://host/x", "file:relative", "file:///a%2", "file:///a%zz",
-                          "file:///a%00b", "file:///a?b", "file:///a#b", "file://", ""})
+    for (const char* u : {"http:///x", "file://host/x", "file:relative", "file:///a%2", "file:///a%00b", "file:///a?b"})
         EXPECT_FALSE(QVPathFromFileURLString(u)) << u;
     std::string all = "/";
     for (int c = 1; c < 256; ++c) all += char(c);
@@ -274,41 +239,27 @@ TEST(KeyedArchive, FileURLStrings) {
 
 TEST(KeyedArchive, HostileArchivesAreRefusedWithAnError) {
     auto array = [](std::initializer_list<uint64_t> refs) {
-        return dict({{"NS.objects", uids(refs)}, {"$class", uid(2)}});
+        plist_t objects = list({});
+        for (auto r : refs) plist_array_append_item(objects, uid(r));
+        return dict({{"NS.objects", objects}, {"$class", uid(2)}});
     };
-    ASSERT_EQ(unarchiveObjectWithData(archive({array({3}), cls("NSArray"), str("ok")}), nullptr)
-                  ->toArray()
-                  ->at(0)
-                  .toString(),
-              "ok");
     expectRefusedRead({}, "too short");
     expectRefusedRead(Bytes(100, 'x'), "binary property list");
-    expectRefusedRead(toBin(plist_new_array()), "not a dictionary");
     expectRefusedRead(archive({str("x")}, 1, "SomethingElse"), "archiver");
     expectRefusedRead(archive({str("x")}, 1, "NSKeyedArchiver", 200000), "version 200000");
     expectRefusedRead(archive({str("x")}, 5), "out of range");
-    expectRefusedRead(archive({array({99}), cls("NSArray")}), "out of range");
-    expectRefusedRead(archive({array({1}), cls("NSArray")}), "cycle");
     expectRefusedRead(archive({array({3}), cls("NSArray"), array({1})}), "cycle");
-    expectRefusedRead(archive({dict({{"NS.objects", uids({})}, {"$class", uid(7)}})}), "class");
-    expectRefusedRead(archive({array({}), str("not a class")}), "class without a name");
     expectRefusedRead(archive({array({}), cls("NoSuchClass")}), "unknown class 'NoSuchClass'");
-    expectRefusedRead(archive({uid(1)}), "type");
-    expectRefusedRead(archive({dict({{"NS.objects", str("x")}, {"$class", uid(2)}}), cls("NSArray")}), "not a list");
-    expectRefusedRead(archive({dict({{"NS.keys", uids({3})}, {"NS.objects", uids({})}, {"$class", uid(2)}}),
+    expectRefusedRead(archive({dict({{"NS.keys", list({uid(3)})}, {"NS.objects", list({})}, {"$class", uid(2)}}),
                                cls("NSDictionary"), str("k")}),
                       "keys than values");
-    expectRefusedRead(archive({dict({{"NS.keys", uids({3})}, {"NS.objects", uids({3})}, {"$class", uid(2)}}),
+    expectRefusedRead(archive({dict({{"NS.keys", list({uid(3)})}, {"NS.objects", list({uid(3)})}, {"$class", uid(2)}}),
                                cls("NSDictionary"), plist_new_uint(4)}),
                       "neither a string");
-    auto url = [](uint64_t base) {
-        return dict({{"NS.base", uid(base)}, {"NS.relative", uid(3)}, {"$class", uid(2)}});
-    };
-    expectRefusedRead(archive({url(0), cls("NSURL"), str("https://example.com/")}), "not a file URL");
-    expectRefusedRead(archive({url(3), cls("NSURL"), str("file:///x")}), "relative");
+    expectRefusedRead(archive({dict({{"NS.base", uid(0)}, {"NS.relative", uid(3)}, {"$class", uid(2)}}), cls("NSURL"),
+                               str("https://example.com/")}),
+                      "not a file URL");
     expectRefusedRead(archive({dict({{"x", str("1")}, {"$class", uid(2)}}), cls("QVTestPin")}), "not an integer");
-    expectRefusedRead(archive({dict({{"label", plist_new_uint(1)}, {"$class", uid(2)}}), cls("QVTestPin")}),
-                      "not a reference");
 
     // A chain of arrays far deeper than anything we write: refused, no stack overflow.
     std::vector<plist_t> chain = {array({3}), cls("NSArray")};
@@ -330,12 +281,8 @@ TEST(KeyedArchive, HostilePropertyListsAreRefusedBeforeParsing) {
     expectRefusedRead(rawBplist(wide), "expands too much");
     expectRefusedRead(rawBplist({rawArray({0})}), "cycle");
     expectRefusedRead(rawBplist({rawArray({5})}), "out of range");
-    expectRefusedRead(rawBplist({rawArray({})}, 3), "root object out of range");
-    expectRefusedRead(rawBplist({Bytes{0x00}}), "marker");
     expectRefusedRead(rawBplist({Bytes{0x5F, 0x10, 0xFF}}), "past its end");
-    expectRefusedRead(rawBplist({Bytes{0x13, 1, 2}}), "integer");
     expectRefusedRead(rawBplist({Bytes{0x53, 'a', 0, 'b'}}), "NUL");
-    expectRefusedRead(rawBplist({Bytes{0xD1, 0, 0, 0, 1, 0, 0, 0, 1}, Bytes{0x10, 0x05}}), "key is not a string");
 }
 
 // Truncations and byte flips of a valid archive: anything but a crash, a hang or
@@ -368,22 +315,10 @@ TEST(KeyedArchive, MangledArchivesNeverCrash) {
 
 TEST(KeyedArchive, PythonPlistlibReadsOurArchives) {
     if (std::system("python3 -c 'import plistlib' >/dev/null 2>&1") != 0) GTEST_SKIP() << "no python3";
-    auto data = archivedDataWithRootObject(sampleGraph());
-    ASSERT_TRUE(data);
-    char dir[] = "/tmp/qv-keyed-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    std::string file = std::string(dir) + "/archive.plist";
-    std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(data->data()), data->size());
-    std::string command = "python3 '" QV_SOURCE_DIR "/tests/support/keyed_archive_keys.py' '" + file + "' 2>&1";
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_TRUE(pipe);
-    char buffer[256];
-    while (fgets(buffer, sizeof buffer, pipe)) output += buffer;
-    int status = pclose(pipe);
-    std::remove(file.c_str());
-    rmdir(dir);
-    EXPECT_EQ(status, 0) << output;
-    EXPECT_EQ(output, "NSMutableDictionary\n0xdead\nagain\nbytes\nlist\nname\npin\n"
-                      "when 721692800.5\nwhere file:///home/user/My%20Docs/%C3%BC%3F%23%25\n");
+    const Bytes data = *archivedDataWithRootObject(sampleGraph());
+    auto r = test::runProcess({"/usr/bin/python3", QV_SOURCE_DIR "/tests/support/keyed_archive_keys.py", "/dev/stdin"},
+                              std::string(data.begin(), data.end()));
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "NSMutableDictionary\n0xdead\nagain\nbytes\nlist\nname\npin\n"
+                     "when 721692800.5\nwhere file:///home/user/My%20Docs/%C3%BC%3F%23%25\n");
 }
