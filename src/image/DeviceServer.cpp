@@ -40,6 +40,8 @@ constexpr const char* kDiskName = "disk";
 // The largest request, both ways: large requests keep the per-request cost
 // (a round trip through the kernel) small against the work of encryption.
 constexpr unsigned kMaxRequest = 1u << 20;
+// Enough for the kernel's queue of background requests (12 by default) and a few reads.
+constexpr unsigned kWorkerThreads = 12;
 
 // Everything the request handlers share; one per device process.
 struct Server {
@@ -199,14 +201,19 @@ void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_in
         return;
     }
     const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
-    thread_local std::vector<uint8_t> buffer;
-    if (buffer.size() < n) buffer.resize(n);
-    if (int err = s.store->read(uint64_t(off), n, buffer.data())) {
+    // Uninitialised on purpose: the store fills all n bytes.
+    thread_local std::unique_ptr<uint8_t[]> buffer;
+    thread_local size_t capacity = 0;
+    if (capacity < n) {
+        buffer = std::make_unique_for_overwrite<uint8_t[]>(n);
+        capacity = n;
+    }
+    if (int err = s.store->read(uint64_t(off), n, buffer.get())) {
         QV_LOG_ERROR(QVFormat("read of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
         fuse_reply_err(req, err);
         return;
     }
-    fuse_reply_buf(req, reinterpret_cast<const char*>(buffer.data()), n);
+    fuse_reply_buf(req, reinterpret_cast<const char*>(buffer.get()), n);
 }
 
 void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off, fuse_file_info*) {
@@ -453,8 +460,11 @@ void report(int pipeFd, const std::string& message) {
 
     std::thread control(controlLoop, std::ref(s), signalFd);
     fuse_loop_config* config = fuse_loop_cfg_create();
-    fuse_loop_cfg_set_idle_threads(config, 4);
-    fuse_loop_cfg_set_max_threads(config, 16);
+    // Workers stay once started: a worker that ends takes its 1 MiB request
+    // buffer and its cipher scratch with it, and the kernel's bursts of write-back
+    // requests would have the next one allocate and fault them in again.
+    fuse_loop_cfg_set_max_threads(config, kWorkerThreads);
+    fuse_loop_cfg_set_idle_threads(config, kWorkerThreads);
     fuse_session_loop_mt(s.session, config);
     fuse_loop_cfg_destroy(config);
     {
