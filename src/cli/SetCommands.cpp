@@ -11,31 +11,25 @@ namespace qv::cli {
 
 namespace {
 
-// Wipes a password string when the command is done with it, on every path.
-struct Secret {
-    std::string value;
-    ~Secret() { QVWipe(value); }
-};
-
-bool readExisting(PasswordInput& input, Secret& out, const char* prompt) {
+bool readExisting(PasswordInput& input, std::string& out, const char* prompt) {
     auto pass = input.read(prompt);
     if (!pass) {
         complain("no password given");
         return false;
     }
-    out.value = std::move(*pass);
+    out = std::move(*pass);
     return true;
 }
 
-bool readNew(PasswordInput& input, Secret& out) {
+bool readNew(PasswordInput& input, std::string& out) {
     bool mismatch = false;
     auto pass = input.readNew("New password: ", "Repeat the new password: ", &mismatch);
     if (!pass) {
         complain(mismatch ? "the passwords do not match" : "no password given");
         return false;
     }
-    out.value = std::move(*pass);
-    if (out.value.empty()) {
+    out = std::move(*pass);
+    if (out.empty()) {
         complain("the password is empty");
         return false;
     }
@@ -44,13 +38,14 @@ bool readNew(PasswordInput& input, Secret& out) {
 
 int setCreate(const DBMasterRef& master) {
     PasswordInput input;
-    Secret pass;
+    std::string pass;
+    QVWipeOnExit wipe(pass);
     if (!readNew(input, pass)) return ExitRefused;
-    if (master->subDBCount() > 0 && master->hasSubDbWithPassword(pass.value)) {
+    if (master->subDBCount() > 0 && master->hasSubDbWithPassword(pass)) {
         complain("a Folder Set with this password exists already");
         return ExitRefused;
     }
-    DBSubdbRef subdb = DBSubdb::subdbWithFolders({}, pass.value);
+    DBSubdbRef subdb = DBSubdb::subdbWithFolders({}, pass);
     QVError error;
     if (!master->addSubDB(subdb, true, &error) || !subdb->save(&error)) {
         complain("couldn't create the Folder Set: " + error.description);
@@ -63,7 +58,8 @@ int setCreate(const DBMasterRef& master) {
 } // namespace
 
 DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCode) {
-    Secret pass;
+    std::string pass;
+    QVWipeOnExit wipe(pass);
     if (!readExisting(input, pass, "Password: ")) {
         *exitCode = ExitUsage;
         return nullptr;
@@ -74,7 +70,7 @@ DBSubdbRef openSet(const DBMasterRef& master, PasswordInput& input, int* exitCod
         return nullptr;
     }
     QVError error;
-    DBSubdbRef subdb = master->getSubDBWithPassword(pass.value, &error);
+    DBSubdbRef subdb = master->getSubDBWithPassword(pass, &error);
     if (!subdb) {
         if (error.empty()) {
             complain("no Folder Set opens with this password");
@@ -102,18 +98,19 @@ int setPasswd(const DBMasterRef& master) {
     int code = ExitOK;
     DBSubdbRef subdb = openSet(master, input, &code);
     if (!subdb) return code;
-    Secret pass;
+    std::string pass;
+    QVWipeOnExit wipe(pass);
     if (!readNew(input, pass)) {
         master->returnSubDB(subdb);
         return ExitRefused;
     }
-    if (master->hasSubDbWithPassword(pass.value)) {
+    if (master->hasSubDbWithPassword(pass)) {
         complain("another Folder Set uses this password; choose another one");
         master->returnSubDB(subdb);
         return ExitRefused;
     }
     QVError error;
-    bool ok = master->changePasswordOnSubdb(subdb, pass.value, &error);
+    bool ok = master->changePasswordOnSubdb(subdb, pass, &error);
     master->returnSubDB(subdb);
     if (!ok) {
         complain("couldn't change the password: " + error.description);
