@@ -210,6 +210,23 @@ bool readValuesOrRefuse(const std::string& path, QVIntakeResourceValues* info, Q
                            reason.description.c_str()));
 }
 
+// What a folder to encrypt and a place for images are both refused for, in this
+// order: a folder of the set is refused as such before anything else is said of it,
+// and bundles of applications are directories too.
+bool passesSharedChecks(const std::string& path, const std::vector<std::string>& forms,
+                        const QVIntakeResourceValues& info, QVError* error) {
+    const std::string name = QVLastPathComponent(path);
+    if (isFolderOfTheSet(forms))
+        return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
+    if (endsWith(path, ".app"))
+        return refuse(error, QVErrorRefused,
+                      QVFormat("'%s' is an application, please drag a folder onto Quillvane.", name.c_str()));
+    if (!info.isReadable || !info.isWritable)
+        return refuse(error, QVIntakeNoReadWrite,
+                      QVFormat("Quillvane is not able to read and write to this folder:\n\n%s", path.c_str()));
+    return true;
+}
+
 } // namespace
 
 bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
@@ -238,17 +255,7 @@ bool isGoodFolderAtURL(const std::string& givenPath, QVError* error) {
         }
         return true;
     }
-    const std::string name = QVLastPathComponent(path);
-    // A folder of the set is refused as such before anything else is said of it.
-    if (isFolderOfTheSet(forms))
-        return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
-    // Bundles of applications are directories too.
-    if (endsWith(path, ".app"))
-        return refuse(error, QVErrorRefused,
-                      QVFormat("'%s' is an application, please drag a folder onto Quillvane.", name.c_str()));
-    if (!info.isReadable || !info.isWritable)
-        return refuse(error, QVIntakeNoReadWrite,
-                      QVFormat("Quillvane is not able to read and write to this folder:\n\n%s", path.c_str()));
+    if (!passesSharedChecks(path, forms, info, error)) return false;
     if (info.isVolume) {
         QV_LOG_WARN(QVFormat("can't encrypt volume: %s", path.c_str()));
         return refuse(error, QVIntakeIsVolume,
@@ -336,15 +343,7 @@ bool isGoodImageDestination(const std::string& givenPath, const std::string& mou
         return refuse(error, QVErrorRefused,
                       "At this time Quillvane does not support encrypting folders on network drives.");
     }
-    const std::string name = QVLastPathComponent(path);
-    if (isFolderOfTheSet(forms))
-        return refuse(error, QVIntakeAlreadyEncrypted, QVFormat("%s is already encrypted.", name.c_str()));
-    if (endsWith(path, ".app"))
-        return refuse(error, QVErrorRefused,
-                      QVFormat("'%s' is an application, please drag a folder onto Quillvane.", name.c_str()));
-    if (!info.isReadable || !info.isWritable)
-        return refuse(error, QVIntakeNoReadWrite,
-                      QVFormat("Quillvane is not able to read and write to this folder:\n\n%s", path.c_str()));
+    if (!passesSharedChecks(path, forms, info, error)) return false;
     const std::string bundle = QVApplicationBundlePath();
     for (const std::string& form : forms)
         if (!bundle.empty() && bundle.find(form) != std::string::npos)
