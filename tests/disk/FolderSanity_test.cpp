@@ -11,7 +11,6 @@
 #include "disk/StorageLocations.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
-#include "toolkit/LogCapture.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/NotificationDelivery.h"
 #include "ui/logic/QVNotificationCenter.h"
@@ -51,7 +50,6 @@ protected:
         for (int way = 0; way < QVNotificationWayCount; ++way) centre().setDelivery(way, saved[size_t(way)]);
     }
     static QVNotificationCenter& centre() { return QVNotificationCenter::defaultCenter(); }
-    bool logged(const std::string& text) { return log.has(text); }
     // Runs what was posted to the main thread.
     void settle() { test::processEventsFor(30); }
 
@@ -77,40 +75,22 @@ protected:
     test::TempHome home;
     std::shared_ptr<Alerts> alerts = std::make_shared<Alerts>();
     std::vector<std::shared_ptr<NotificationDelivery>> saved;
-    test::LogCapture log;
 };
 
 } // namespace
 
-TEST_F(FolderSanity, NullFacesAndUnencryptedRecordsWithoutImages) {
+TEST_F(FolderSanity, AnUnencryptedRecordWithAnImageIsRepairedSavedAndCheckedAgain) {
     QVError error;
     EXPECT_EQ(sanityCheckFolderFace(nullptr, &error), 2003);
-    EXPECT_EQ(error.code, 2003);
-    EXPECT_EQ(error.description, "Internal Error: Nil parameter passed in.");
-    EXPECT_TRUE(logged("failed because: !ff"));
-    EXPECT_EQ(folderSizeOfFolderFace(nullptr, true, nullptr), UINT64_MAX);
+    EXPECT_EQ(sanityCheckFolderFace(face(home.root() + "/nowhere", false, false, false), &error), 0)
+        << "without an image not even a missing mount point matters yet";
 
-    log.lines.clear();
-    QVError untouched{"untouched", 7, ""};
-    EXPECT_EQ(sanityCheckFolderFace(face(home.root() + "/nowhere", false, false, false), &untouched), 0)
-        << "not even a missing mount point matters yet";
-    settle();
-    EXPECT_EQ(untouched.code, 7);
-    EXPECT_TRUE(log.lines.empty());
-    EXPECT_TRUE(alerts->shown.empty());
-}
-
-TEST_F(FolderSanity, AnUnencryptedRecordWithAnImageIsRepairedSavedAndCheckedAgain) {
     DBMasterRef master = DBMaster::initWithMasterDBURL(quillvaneURL(0), false, nullptr);
     DBSubdbRef set = DBSubdb::subdbWithFolders({}, "set password");
     QVRecordRef ff = face(home.root() + "/gone", false, true, false);
     ASSERT_TRUE(set->addFolder(folderOf(ff)));
     ASSERT_TRUE(master->addSubDB(set, true, nullptr) && set->save(nullptr));
-
-    QVError error;
     EXPECT_EQ(sanityCheckFolderFace(ff, &error), 2001) << "the second pass finds the mount point missing";
-    EXPECT_TRUE(logged("folder 'gone' was set as not being encrypted when it has a disk image associated with it: " +
-                       imageOf(folderOf(ff))));
     settle();
     EXPECT_EQ(alerts->shown, std::vector<std::string>{
                                  "Internal Issue: 'gone' supposedly not encrypted but has disk image associated with it!"})
@@ -120,11 +100,6 @@ TEST_F(FolderSanity, AnUnencryptedRecordWithAnImageIsRepairedSavedAndCheckedAgai
     ASSERT_TRUE(fromDisk && fromDisk->folders().size() == 1);
     EXPECT_TRUE(FolderRef{fromDisk->folders()[0]}.encrypted().toBool()) << "the repair reached the master file";
     reopened->returnSubDB(fromDisk);
-
-    QVRecordRef loose = face(dir("Loose"), false, true, true);
-    EXPECT_EQ(sanityCheckFolderFace(loose, &error), 0);
-    EXPECT_TRUE(FolderRef{folderOf(loose)}.encrypted().toBool()) << "marked even where it can't be saved";
-    EXPECT_TRUE(logged("it belongs to no Folder Set"));
 }
 
 TEST_F(FolderSanity, AMissingMountPointOrImageIsShownInTheRowAndAnswered) {
@@ -132,38 +107,28 @@ TEST_F(FolderSanity, AMissingMountPointOrImageIsShownInTheRowAndAnswered) {
     QVRecordRef ff = face(gone, true, true, false);
     QVError error;
     EXPECT_EQ(sanityCheckFolderFace(ff, &error), 2001);
-    EXPECT_EQ(error.domain, QVAppErrorDomain());
     EXPECT_EQ(error.code, ENOENT) << "the underlying code, not the answer";
     EXPECT_EQ(error.description, "Mountpoint for 'Gone Folder' is not reachable:\n\n" + gone +
                                      ": No such file or directory\n\nIt should be here:\n\n" + gone);
-    EXPECT_FALSE(FolderFaceRef{ff}.locked().toBool()) << "changed on the main thread, after the call";
     settle();
     EXPECT_TRUE(FolderFaceRef{ff}.locked().toBool());
     EXPECT_EQ(FolderFaceRef{ff}.statusText().toString(), "Mountpoint missing!");
-    EXPECT_TRUE(FolderList::isErrorStatusColor(FolderFaceRef{ff}.statusColor()));
 
     QVRecordRef noImage = face(dir("Private"), true, false, true);
-    const std::string image = imageOf(folderOf(noImage));
     EXPECT_EQ(sanityCheckFolderFace(noImage, &error), 2002);
-    EXPECT_EQ(error.description, "Disk image for 'Private' is not reachable:\n\n" + image +
-                                     ": No such file or directory\n\nIt should be here:\n\n" + image);
-    EXPECT_TRUE(logged("dmg '" + image + "' for 'Private' unavailable: "));
     settle();
     EXPECT_EQ(FolderFaceRef{noImage}.statusText().toString(), "Diskimage missing!");
+    EXPECT_TRUE(FolderList::isErrorStatusColor(FolderFaceRef{noImage}.statusColor()));
     EXPECT_TRUE(alerts->shown.empty()) << "missing pieces are shown in the row, not as alerts";
 }
 
 TEST_F(FolderSanity, TheMountTableWinsOverLockedAndAnUnknownStateStopsOnlyWhoCanBeToldWhy) {
     QVRecordRef mounted = face("/proc", true, true, true);
     QVRecordRef plain = face(dir("Plain"), true, true, false);
-    QVRecordRef inSync = face(dir("InSync"), true, true, true);
-    for (const auto& ff : {mounted, plain, inSync}) EXPECT_EQ(sanityCheckFolderFace(ff, nullptr), 0);
-    EXPECT_TRUE(logged("locked value was out of sync with reality for folder: /proc"));
-    EXPECT_FALSE(logged("InSync"));
+    for (const auto& ff : {mounted, plain}) EXPECT_EQ(sanityCheckFolderFace(ff, nullptr), 0);
     settle();
     EXPECT_FALSE(FolderFaceRef{mounted}.locked().toBool());
     EXPECT_TRUE(FolderFaceRef{plain}.locked().toBool());
-    EXPECT_TRUE(FolderFaceRef{inSync}.locked().toBool());
 
     // A directory that can be reached while "<it>/.." is too long a name to ask about.
     std::string deep = home.root();
@@ -173,10 +138,7 @@ TEST_F(FolderSanity, TheMountTableWinsOverLockedAndAnUnknownStateStopsOnlyWhoCan
     QVError error;
     EXPECT_EQ(sanityCheckFolderFace(unknown, &error), 2000);
     EXPECT_EQ(error.code, ENAMETOOLONG);
-    EXPECT_EQ(error.description.rfind("Couldn't figure out if folder is locked or unlocked. Reason:\n\nisVolume", 0), 0u);
     EXPECT_EQ(sanityCheckFolderFace(unknown, nullptr), 0) << "no out-parameter: the test is skipped";
-    EXPECT_TRUE(QVFolderIsUnlocked(folderOf(face("/dev", true, false, true)), nullptr));
-    EXPECT_FALSE(QVFolderIsUnlocked(nullptr, nullptr));
 }
 
 TEST_F(FolderSanity, SizeReportsPastEachMarkAndGivesNoSizeWhenCancelledOrFailed) {
@@ -189,44 +151,29 @@ TEST_F(FolderSanity, SizeReportsPastEachMarkAndGivesNoSizeWhenCancelledOrFailed)
     auto status = std::make_shared<StatusTexts>();
     ff->addObserver(status, "statusText");
     EXPECT_EQ(folderSizeOfFolderFace(ff, true, nullptr), 900ull << 20);
-    EXPECT_EQ(folderSizeOfFolderFace(ff, false, nullptr), 900ull << 20);
     settle();
     // The first report past 200 MiB (at 300), the next only past 300 + 200 + 200.
     EXPECT_EQ(status->texts, (std::vector<std::string>{"Calculating size...", "Calculating... 314.6 MB",
                                                        "Calculating... 786.4 MB", "Size: 943.7 MB"}));
 
-    status->texts.clear();
     FolderFaceRef{ff}.setOpCanceled(Value(true));
     QVError error;
     EXPECT_EQ(folderSizeOfFolderFace(ff, true, &error), UINT64_MAX) << "the partial total is not the size";
     EXPECT_EQ(error.code, 1000);
-    EXPECT_EQ(error.description, "User canceled size calculation");
-    settle();
-    EXPECT_EQ(status->texts, (std::vector<std::string>{"Calculating size...", "Cancelling..."}));
-    EXPECT_TRUE(FolderFaceRef{ff}.progressIndeterminate().toBool());
-
-    QVRecordRef empty = face(dir("Empty"), true, true, true);
-    EXPECT_EQ(folderSizeOfFolderFace(empty, false, &error), 0u) << "0 is a size";
+    EXPECT_EQ(folderSizeOfFolderFace(face(dir("Empty"), true, true, true), false, &error), 0u) << "0 is a size";
     EXPECT_EQ(folderSizeOfFolderFace(face(home.root() + "/gone", true, true, true), false, &error), UINT64_MAX);
-    EXPECT_EQ(error.code, -1);
-    EXPECT_TRUE(logged("failed to calculate size of: " + home.root() + "/gone"));
 }
 
 TEST_F(FolderSanity, FreeSpaceAndTheRowAtRest) {
     EXPECT_GT(QVStorageAvailableBytes(QVStorageDefault()), 0);
     EXPECT_EQ(QVStorageAvailableBytes(QVStorageMake("x", URLValue{home.root() + "/absent"})), -1);
-    EXPECT_TRUE(logged("statvfs returned: 2 for: '" + home.root() + "/absent'"));
-    EXPECT_EQ(QVStorageAvailableBytes(nullptr), -1);
 
     QVRecordRef ff = face(dir("Rest"), true, true, true);
     FolderRef{folderOf(ff)}.setFolderSize(Value(500000000));
     DiskInfoRef info{FolderRef{folderOf(ff)}.diskinfo().as<QVRecord>()};
     info.setCapacity(Value(2000000000));
-    FolderFaceRef{ff}.setProgressIndeterminate(Value(true));
     FolderList::singleton().setStatusText("Broken", true, ff);
-    EXPECT_TRUE(FolderFaceRef{ff}.statusColor() == FolderList::errorStatusColor()) << "one shared colour";
     FolderList::singleton().displayFolderSizeInfo(ff);
-    EXPECT_FALSE(FolderFaceRef{ff}.progressIndeterminate().toBool());
     EXPECT_DOUBLE_EQ(FolderFaceRef{ff}.progressPercentage().toDouble(), 0.25);
     EXPECT_EQ(FolderFaceRef{ff}.statusText().toString(), "500.0 MB of 2.0 GB used");
     EXPECT_FALSE(FolderList::isErrorStatusColor(FolderFaceRef{ff}.statusColor()));

