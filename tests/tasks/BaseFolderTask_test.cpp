@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "support/QtApp.h"
-#include "toolkit/Log.h"
+#include "toolkit/LogCapture.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/QVNotificationCenter.h"
@@ -69,19 +69,13 @@ class FolderTaskTest : public ::testing::Test {
 protected:
     OperationQueue queue;
     QVRecordRef face;
-    std::vector<std::string> log;  // lines come from workers too
-    mutable std::mutex logMutex;
+    test::LogCapture log;  // lines come from workers too
     std::shared_ptr<Recording> alerts = std::make_shared<Recording>();
     std::shared_ptr<NotificationDelivery> previousDelivery;
-    QVLogSink previousSink;
 
     void SetUp() override {
         test::qtApp();
         face = faceAt("/nonexistent/Tax Papers");
-        previousSink = QVLogSetSink([this](const std::string& line) {
-            std::lock_guard lock(logMutex);
-            log.push_back(line);
-        });
         auto& centre = QVNotificationCenter::defaultCenter();
         previousDelivery = centre.delivery(QVNotificationWayBuiltIn);
         centre.setDelivery(QVNotificationWayBuiltIn, alerts);
@@ -94,7 +88,6 @@ protected:
         auto& centre = QVNotificationCenter::defaultCenter();
         centre.setDelivery(QVNotificationWayBuiltIn, previousDelivery);
         centre.setPreferencesProvider(nullptr);
-        QVLogSetSink(previousSink);
     }
     static QVRecordRef faceAt(const std::string& path) {
         QVRecordRef folder = QVFolderCreate(QVStorageCreate("Default", URLValue{"/tmp"}), URLValue{path});
@@ -106,12 +99,6 @@ protected:
         ref.setFolder(Value(folder));
         return ref.record;
     }
-    bool logged(const std::string& text) const {
-        std::lock_guard lock(logMutex);
-        for (const auto& line : log)
-            if (line.find(text) != std::string::npos) return true;
-        return false;
-    }
     OperationRef current() const { return FolderFaceRef{face}.currentOp().as<Operation>(); }
     bool finish(const OperationRef& op) {
         return test::processEventsUntil([&] { return op->isFinished(); }, 60000);
@@ -120,41 +107,26 @@ protected:
 
 } // namespace
 
+// Two operations on one folder at once could lock it under a running copy.
 TEST_F(FolderTaskTest, FollowersWaitForTheOperationCurrentWhenTheyWereQueued) {
     Door firstDoor;
     auto first = scripted(face, [&](auto&, auto&) { return firstDoor.pass() ? std::nullopt : OperationResult(QVError{}); });
-    EXPECT_FALSE(hasCurrentOperation(face));
     ASSERT_TRUE(addFolderTask(queue, first));
     EXPECT_EQ(current(), first) << "busy from the moment the first task is queued";
 
-    // Two more queued at once both wait for the first, not in a chain, and then run
-    // side by side: each waits until the other has started.
-    std::mutex mutex;
-    std::condition_variable both;
-    int started = 0;
-    auto meet = [&](auto&, auto&) -> OperationResult {
-        std::unique_lock lock(mutex);
-        ++started;
-        both.notify_all();
-        both.wait_for(lock, std::chrono::seconds(60), [&] { return started == 2; });
-        return std::nullopt;
-    };
-    auto second = scripted(face, meet), third = scripted(face, meet);
+    // Two more queued at once both wait for the first, not in a chain.
+    auto second = scripted(face, nullptr), third = scripted(face, nullptr);
     ASSERT_TRUE(addFolderTask(queue, second));
     ASSERT_TRUE(addFolderTask(queue, third));
     EXPECT_EQ(second->dependencies(), std::vector<OperationRef>{first});
     EXPECT_EQ(third->dependencies(), std::vector<OperationRef>{first});
-    EXPECT_EQ(current(), first);
-
     ASSERT_TRUE(test::processEventsUntil([&] { return task(first)->ran.load(); }));
     test::processEventsFor(20);
     EXPECT_FALSE(task(second)->ran || task(third)->ran);
     firstDoor.openIt();
     ASSERT_TRUE(finish(second) && finish(third));
-    EXPECT_EQ(started, 2);
     EXPECT_EQ(task(first)->currentAtStart.lock(), first);
     EXPECT_FALSE(hasCurrentOperation(face)) << "the folder is idle again";
-    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull());
 }
 
 TEST_F(FolderTaskTest, AFailedCurrentOperationStopsTheFollowerButAFailedTaskLetsGo) {
@@ -164,103 +136,48 @@ TEST_F(FolderTaskTest, AFailedCurrentOperationStopsTheFollowerButAFailedTaskLets
     });
     queue.addOperations({failed}, true);
     FolderFaceRef{face}.setCurrentOp(Value(failed));
-
     auto follower = scripted(face, nullptr);
     ASSERT_TRUE(addFolderTask(queue, follower));
-    EXPECT_TRUE(follower->dependencies().empty()) << "no dependency on a finished operation";
-    EXPECT_EQ(current(), failed) << "and the current one is left alone";
     ASSERT_TRUE(finish(follower));
     EXPECT_FALSE(task(follower)->ran);
     ASSERT_TRUE(follower->result());
     EXPECT_EQ(follower->result()->description, "disk full");
     EXPECT_FALSE(hasCurrentOperation(face));
 
-    // A task clears the folder whatever it ends with, so the next one runs.
+    // A task clears the folder whatever it ends with, a throw included, so the next one runs.
     auto failing = scripted(face, [](auto&, auto&) { return OperationResult(QVError{"test", 1001, "no"}); });
+    auto throwing = scripted(face, [](auto&, auto&) -> OperationResult { throw std::runtime_error("bug"); });
     auto next = scripted(face, nullptr);
-    addFolderTask(queue, failing);
-    addFolderTask(queue, next);
+    for (const auto& op : {failing, throwing, next}) addFolderTask(queue, op);
     ASSERT_TRUE(finish(next));
     EXPECT_TRUE(task(next)->ran);
     EXPECT_EQ(failing->result()->description, "no");
-    EXPECT_FALSE(hasCurrentOperation(face));
-}
-
-TEST_F(FolderTaskTest, StartTakesOverAnIdleFolderAndAlwaysLetsGo) {
-    // Added straight to the queue (a caller that waits): start makes it current.
-    auto direct = scripted(face, nullptr);
-    queue.addOperations({direct}, false);
-    ASSERT_TRUE(finish(direct));
-    EXPECT_EQ(task(direct)->currentAtStart.lock(), direct);
-    EXPECT_FALSE(hasCurrentOperation(face));
-
-    auto throwing = scripted(face, [](auto&, auto&) -> OperationResult { throw std::runtime_error("bug"); });
-    auto abstract = BaseFolderTask::makeOperation(std::make_shared<BaseFolderTask>(), face);
-    EXPECT_EQ(folderFace(abstract), face);
-    addFolderTask(queue, throwing);
-    addFolderTask(queue, abstract);
-    ASSERT_TRUE(finish(throwing) && finish(abstract));
     EXPECT_EQ(throwing->result()->code, QVErrorRefused);
-    EXPECT_EQ(abstract->result()->code, QVErrorRefused);
-    EXPECT_EQ(abstract->result()->description, "needs to be overwritten");
-    EXPECT_TRUE(logged("abstractmethodexception: needs to be overwritten"));
     EXPECT_FALSE(hasCurrentOperation(face));
-
-    // Refused by the queue: the face is left as it was.
-    EXPECT_FALSE(addFolderTask(queue, direct));
+    EXPECT_FALSE(addFolderTask(queue, next)) << "refused by the queue: the face is left as it was";
     EXPECT_FALSE(hasCurrentOperation(face));
 }
 
-TEST_F(FolderTaskTest, ProgressHelpersBusyAndRestRows) {
-    bool seenBusy = false;
+TEST_F(FolderTaskTest, FailReportsAndTheLockChecksAskTheMountTable) {
     auto op = scripted(face, [&](ScriptedTask& self, const QVRecordRef& f) -> OperationResult {
         self.startIndeterminateProgress(f, "Encrypting...", true);
-        // Waited for: the row is busy by the time the call returns.
-        performBlockOnMainThread([&] {
-            FolderFaceRef ff{f};
-            seenBusy = ff.progressIndeterminate().toBool() && ff.progressAnimate().toBool() &&
-                       ff.cancelable().toBool() && ff.progressPercentage().toDouble() == 0.0 &&
-                       ff.statusText().toString() == "Encrypting..." &&
-                       !FolderList::isErrorStatusColor(ff.statusColor());
-        }, true);
-        FolderFaceRef{f}.setOpCanceled(Value(true));
-        self.endProgress(f);
-        return std::nullopt;
+        return self.fail(f, "Folder is busy");
     });
     FolderFaceRef{face}.setProgressPercentage(Value(0.7));
     addFolderTask(queue, op);
     ASSERT_TRUE(finish(op));
-    test::processEventsFor(10);
-    EXPECT_TRUE(seenBusy);
-    FolderFaceRef ff{face};
-    EXPECT_FALSE(ff.progressIndeterminate().toBool() || ff.progressAnimate().toBool() || ff.cancelable().toBool());
-    EXPECT_TRUE(ff.opCanceled().isNull());
-    EXPECT_EQ(ff.progressPercentage().toDouble(), 0.25);
-    EXPECT_NE(ff.statusText().toString().find(" used"), std::string::npos);
-
-    // endProgress is posted, even from the main thread.
-    ff.setProgressAnimate(Value(true));
-    task(op)->endProgress(face);
-    EXPECT_TRUE(ff.progressAnimate().toBool());
-    test::processEventsFor(10);
-    EXPECT_FALSE(ff.progressAnimate().toBool());
-}
-
-TEST_F(FolderTaskTest, FailReportsAndTheLockChecksAskTheMountTable) {
-    auto base = std::make_shared<BaseFolderTask>();
-    QVError error = base->fail(face, "Folder is busy");
-    EXPECT_EQ(error.code, QVErrorFailed);
-    EXPECT_EQ(error.description, "Folder is busy");
     test::processEventsFor(20);
+    EXPECT_EQ(op->result()->code, QVErrorFailed);
     ASSERT_EQ(alerts->shown.size(), 1u);
     EXPECT_EQ(alerts->shown[0]->msg(), "Folder is busy");
     EXPECT_TRUE(alerts->shown[0]->isSticky());
-    EXPECT_EQ(alerts->shown[0]->type(), QVNotificationAlert);
-    EXPECT_TRUE(logged("ERROR (fail:"));
-    EXPECT_TRUE(logged("): failed locked/unlocked check 'Tax Papers': Folder is busy"));
-    EXPECT_NE(FolderFaceRef{face}.statusText().toString().find(" used"), std::string::npos) << "progress ended";
+    EXPECT_TRUE(log.has("): failed locked/unlocked check 'Tax Papers': Folder is busy"));
+    FolderFaceRef ff{face};
+    EXPECT_FALSE(ff.progressIndeterminate().toBool() || ff.progressAnimate().toBool() || ff.cancelable().toBool());
+    EXPECT_EQ(ff.progressPercentage().toDouble(), 0.25) << "the row at rest again";
 
     // A path that doesn't exist is locked; "/" is always a mount point.
+    auto base = std::make_shared<BaseFolderTask>();
     EXPECT_FALSE(base->failIfUnlocked(face, "unlocked"));
     EXPECT_EQ(base->failIfLocked(face, "locked")->description, "locked");
     QVRecordRef mounted = faceAt("/");
@@ -270,30 +187,24 @@ TEST_F(FolderTaskTest, FailReportsAndTheLockChecksAskTheMountTable) {
 
 TEST_F(FolderTaskTest, CancelIsOnlyAFlagThatTheWorkPolls) {
     EXPECT_FALSE(cancelCurrentOperation(face)) << "an idle folder's control does its normal job";
-    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull());
-
     Door pressed;
-    std::atomic<bool> firstPoll{true}, reached{false};
+    std::atomic<bool> reached{false};
     auto op = scripted(face, [&](ScriptedTask& self, const QVRecordRef& f) -> OperationResult {
-        self.startIndeterminateProgress(f, "Copying...", true);
-        firstPoll = FolderFaceRef{f}.opCanceled().toBool();
+        self.startIndeterminateProgress(f, "Copying...", true);  // cancellable
         reached = true;
         pressed.pass();
         const bool cancelled = FolderFaceRef{f}.opCanceled().toBool();
         self.endProgress(f);
-        if (cancelled) return QVError{QVAppErrorDomain(), QVErrorCancelled, "cancelled"};
-        return std::nullopt;
+        return cancelled ? OperationResult(QVError{QVAppErrorDomain(), QVErrorCancelled, "cancelled"}) : std::nullopt;
     });
     addFolderTask(queue, op);
     ASSERT_TRUE(test::processEventsUntil([&] { return reached.load(); }));
     EXPECT_TRUE(cancelCurrentOperation(face));
-    EXPECT_TRUE(FolderFaceRef{face}.opCanceled().toBool());
     EXPECT_FALSE(op->isCancelled()) << "nothing is stopped from outside";
-    EXPECT_TRUE(op->isExecuting());
     pressed.openIt();
     ASSERT_TRUE(finish(op));
     test::processEventsFor(10);
-    EXPECT_FALSE(firstPoll.load());
+    ASSERT_TRUE(op->result());
     EXPECT_EQ(op->result()->code, QVErrorCancelled);
     EXPECT_TRUE(FolderFaceRef{face}.opCanceled().isNull()) << "cleared for the next run";
 }
@@ -314,13 +225,9 @@ TEST_F(FolderTaskTest, AnOperationCancelledOnItsQueueLeavesNoCycle) {
         door.openIt();
         narrow.waitUntilAllOperationsAreFinished();
         EXPECT_FALSE(task(op)->ran);
-        EXPECT_EQ(current(), op) << "start never ran to let go";
-        EXPECT_EQ(folderFace(op), face);
-
         // The next task finds a finished current operation with no error and runs.
         auto next = scripted(face, nullptr);
         addFolderTask(queue, next);
-        EXPECT_TRUE(next->dependencies().empty());
         ASSERT_TRUE(finish(next));
         EXPECT_TRUE(task(next)->ran);
         FolderFaceRef{face}.setCurrentOp(Value(op));
