@@ -1,0 +1,38 @@
+#pragma once
+// One user's world for running qv as that user would: a home under an image
+// sandbox (which tears down whatever is left mounted or running), the XDG
+// variables pointing into it, the set password given on standard input.
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "image/ImageTestSupport.h"
+#include "support/RunProcess.h"
+
+namespace qv::test {
+
+struct QvUser {
+    std::string home;
+    std::map<std::string, std::string> env;
+    std::string password;
+
+    QvUser(const ImageSandbox& sandbox, const std::string& name, std::string setPassword)
+        : home(sandbox.makeDir(name + "/home")), password(std::move(setPassword)) {
+        env = {{"HOME", home},
+               {"XDG_DATA_HOME", home + "/.local/share"},
+               {"XDG_CONFIG_HOME", home + "/.config"},
+               {"XDG_RUNTIME_DIR", sandbox.runtimeDir()},
+               {"QV_IMAGE_LAYER", "fuse2fs"}};
+    }
+    std::string data() const { return home + "/.local/share/com.marrowfen.Quillvane3"; }
+    static std::string binary() { return std::string(QV_BINARY_DIR) + "/src/qv"; }
+    // qv <args> with `input` on standard input; the set password followed by a newline unless told.
+    ProcessResult qv(const std::vector<std::string>& args, const std::optional<std::string>& input = {}) const {
+        std::vector<std::string> argv{binary()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return runProcess(argv, input.value_or(password + "\n"), env);
+    }
+};
+
+} // namespace qv::test
