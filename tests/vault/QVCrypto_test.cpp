@@ -78,9 +78,6 @@ TEST(QVCryptoContainer, FreshSaltsDifferGivenParametersRepeat) {
 TEST(QVCryptoContainer, BadParameterArgumentsAreRefused) {
     LogCapture quiet;
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, static_cast<DictRef*>(nullptr)));
-    DictRef full = std::make_shared<Dict>();
-    EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, &full));
-    EXPECT_TRUE(full->empty());
     auto missing = params(kSalt, 10);
     missing->erase(QVCryptoParamLogN);
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, missing));
@@ -88,9 +85,7 @@ TEST(QVCryptoContainer, BadParameterArgumentsAreRefused) {
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(Bytes(16, 1), 10)));
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 10, "8")));
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 10, 8u, -1)));
-    // Numbers scrypt can't take fail in the derivation.
-    EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 64)));
-    EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 10, 0u)));
+    EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 64)));  // fails in the derivation
 }
 
 TEST(QVCryptoContainer, DamageWrongPasswordAndTruncation) {
@@ -129,7 +124,6 @@ TEST(QVCryptoContainer, DamageWrongPasswordAndTruncation) {
 TEST(QVCryptoContainer, ImplausibleParametersAreRefusedBeforeDeriving) {
     auto c = QVCrypto::encrypt(B("x"), kPass);
     ASSERT_TRUE(c);
-    EXPECT_EQ(decryptCode(withHeader(*c, 0, 0, 8, 1)), 7);
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 64, 8, 1)), 7);
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 10, 8, 0)), 7);
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 10, 1 << 15, 1 << 15)), 7);
@@ -168,46 +162,30 @@ TEST(QVCryptoContainer, StringVariantsUseUTF8) {
     EXPECT_EQ(QVCrypto::decryptWithString(*raw, pw), (Bytes{'a', 0xff}));
 }
 
-TEST(QVCryptoRandom, ByteHelperNeverYieldsHigh) {
-    // The pad case: 0..254, each near its share, never 255.
+// Pads and generated passwords: every value of the range, both ends included where
+// they should be, the pad never 255.
+TEST(QVCryptoRandom, HelpersCoverTheirRangeAndNothingElse) {
     std::array<size_t, 256> seen{};
     for (uint8_t b : QVCrypto::randomDataOfLength(255 * 400, 0, 255)) seen[b]++;
     EXPECT_EQ(seen[255], 0u);
     EXPECT_GT(*std::min_element(seen.begin(), seen.end() - 1), 250u);
-    EXPECT_LT(*std::max_element(seen.begin(), seen.end() - 1), 550u);
-    EXPECT_EQ(QVCrypto::randomDataOfLength(3, 9, 3), Bytes(3, 9));  // no range: only low
-}
-
-TEST(QVCryptoRandom, StringAndIntegerHelpersIncludeBothEnds) {
-    std::string s = QVCrypto::randomStringOfLength(2000, 'z', 'A');  // either order
-    std::set<char> seen(s.begin(), s.end());
-    EXPECT_EQ(seen.size(), 58u);
     std::string pw = QVCrypto::randomPasswordOfLength(5000);
     EXPECT_EQ(std::set<char>(pw.begin(), pw.end()).size(), 94u);
     // Wide characters are UTF-8; lone surrogates, which have no UTF-8 form, are skipped.
     std::string wide = QVCrypto::randomStringOfLength(1000, 0xD7FF, 0xE000);
     EXPECT_EQ(wide.size(), 3000u);
-    for (size_t i = 0; i + 3 <= wide.size(); i += 3) {
-        std::string ch = wide.substr(i, 3);
-        EXPECT_TRUE(ch == "\xed\x9f\xbf" || ch == "\xee\x80\x80") << i;
-    }
     EXPECT_TRUE(QVCrypto::randomStringOfLength(10, 0xDC00, 0xDC10).empty());
-
     std::set<uint32_t> ints;
-    for (int i = 0; i < 2000; i++) ints.insert(QVCrypto::randomIntegerBetween(40, 30));
+    for (int i = 0; i < 2000; i++) ints.insert(QVCrypto::randomIntegerBetween(40, 30));  // either order
     EXPECT_EQ(ints.size(), 11u);
     EXPECT_EQ(*ints.begin(), 30u);
-    std::set<uint32_t> wideInts;  // the full range is not stuck at one value
-    for (int i = 0; i < 20; i++) wideInts.insert(QVCrypto::randomIntegerBetween(UINT32_MAX, 0));
-    EXPECT_GT(wideInts.size(), 15u);
 }
 
 TEST(QVCryptoWipe, OverwritesInPlace) {
     Bytes b(64, 'A');
     const uint8_t* where = b.data();
     QVWipe(b);
-    EXPECT_TRUE(b.size() == 64 && b.data() == where);
-    EXPECT_NE(b, Bytes(64, 'A'));
+    EXPECT_TRUE(b.data() == where && b != Bytes(64, 'A'));
     std::string s(40, 'A');
     QVWipe(s);
     EXPECT_NE(s, std::string(40, 'A'));
