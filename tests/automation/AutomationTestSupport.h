@@ -27,17 +27,14 @@ extern char** environ;
 
 namespace qv::test {
 
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const std::string& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        ::setenv(name, value.c_str(), 1);
+struct ScopedVariable {
+    const char* name;
+    std::optional<std::string> old;
+    ScopedVariable(const char* n, const std::string& value) : name(n) {
+        if (const char* o = std::getenv(n)) old = o;
+        ::setenv(n, value.c_str(), 1);
     }
-    ~ScopedVariable() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
+    ~ScopedVariable() { old ? ::setenv(name, old->c_str(), 1) : ::unsetenv(name); }
 };
 
 // Children of a test, each in a process group of its own, which is killed
@@ -56,10 +53,9 @@ public:
         posix_spawnattr_init(&attr);
         posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
         pid_t pid = -1;
-        if (::posix_spawn(&pid, argv[0].c_str(), &actions, &attr, args.data(), environ) != 0) pid = -1;
+        if (::posix_spawn(&pid, argv[0].c_str(), &actions, &attr, args.data(), environ) == 0) pids_.push_back(pid);
         posix_spawnattr_destroy(&attr);
         posix_spawn_file_actions_destroy(&actions);
-        if (pid > 0) pids_.push_back(pid);
         return pid;
     }
     void stopAll() {
@@ -126,7 +122,7 @@ public:
     };
     RecordedNotifications() : previous_(centre().delivery(QVNotificationWayBuiltIn)) {
         centre().setDelivery(QVNotificationWayBuiltIn, recorder_);
-        centre().setPreferencesProvider(std::make_shared<BuiltInWay>());
+        centre().setPreferencesProvider(recorder_);
     }
     ~RecordedNotifications() {
         centre().setDelivery(QVNotificationWayBuiltIn, previous_);
@@ -145,15 +141,14 @@ public:
 
 private:
     static QVNotificationCenter& centre() { return QVNotificationCenter::defaultCenter(); }
-    struct Recorder : NotificationDelivery {
+    // Shared with the centre, so that a delivery still on its way finds it.
+    struct Recorder : NotificationDelivery, PreferencesProvider {
         std::mutex mutex;
         std::vector<Message> messages;
         void deliver(const QVNotificationRef& n) override {
             std::lock_guard lock(mutex);
             messages.push_back({n->type(), n->msg(), n->isSticky()});
         }
-    };
-    struct BuiltInWay : PreferencesProvider {
         Value fetchValueForPreference(const std::string& key) override {
             return key == "QVNotificationType" ? Value(int(QVNotificationWayBuiltIn)) : Value();
         }
