@@ -27,12 +27,13 @@ extern char** environ;
 
 namespace qv::test {
 
+// Sets (or, given no value, removes) an environment variable for one scope.
 struct ScopedVariable {
     const char* name;
     std::optional<std::string> old;
-    ScopedVariable(const char* n, const std::string& value) : name(n) {
+    ScopedVariable(const char* n, const std::optional<std::string>& value) : name(n) {
         if (const char* o = std::getenv(n)) old = o;
-        ::setenv(n, value.c_str(), 1);
+        value ? ::setenv(n, value->c_str(), 1) : ::unsetenv(n);
     }
     ~ScopedVariable() { old ? ::setenv(name, old->c_str(), 1) : ::unsetenv(name); }
 };
@@ -132,10 +133,11 @@ public:
         std::lock_guard lock(recorder_->mutex);
         return recorder_->messages;
     }
-    std::vector<std::string> texts(int type) const {
+    // The texts of one type of message, or of all.
+    std::vector<std::string> texts(std::optional<int> type = std::nullopt) const {
         std::vector<std::string> out;
         for (const auto& m : shown())
-            if (m.type == type) out.push_back(m.text);
+            if (!type || m.type == *type) out.push_back(m.text);
         return out;
     }
 

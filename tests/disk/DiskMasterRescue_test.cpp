@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "app/AutoUnlockCount.h"
+#include "automation/AutomationTestSupport.h"
 #include "app/UserDefaults.h"
 #include "disk/DiskMaster.h"
 #include "disk/Locations.h"
@@ -18,7 +19,6 @@
 #include "support/TempHome.h"
 #include "toolkit/LogCapture.h"
 #include "ui/logic/FolderList.h"
-#include "ui/logic/NotificationDelivery.h"
 #include "ui/logic/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
@@ -39,20 +39,11 @@ constexpr const char* kCopiedText =
 constexpr const char* kAddition =
     "\n\nAdditionally, the password was written to a file on the same folder just in case:\n\n";
 
-struct Alerts : NotificationDelivery {
-    void deliver(const QVNotificationRef& n) override { shown.push_back(n->msg()); }
-    std::vector<std::string> shown;
-};
-
 class DiskMasterRescue : public ::testing::Test {
 protected:
     void SetUp() override {
         test::qtApp();
         ASSERT_TRUE(registerQuillvaneDefaults());
-        for (int way = 0; way < QVNotificationWayCount; ++way) {
-            saved.push_back(centre().delivery(way));
-            centre().setDelivery(way, alerts);
-        }
         QVSetSelectInFileViewer([this](const std::string& path) { revealed.push_back(path); });
         QVSetClipboardWriter([this](const std::string& text) {
             clipboard.push_back(text);
@@ -69,13 +60,14 @@ protected:
         QVSetSelectInFileViewer(nullptr);
         QVSetSecretAlert(nullptr);
         centre().setYesNoHandler(nullptr);
-        for (int way = 0; way < QVNotificationWayCount; ++way) centre().setDelivery(way, saved[size_t(way)]);
         EXPECT_FALSE(log.has(kImagePassword)) << "the password never reaches the log";
     }
     static QVNotificationCenter& centre() { return QVNotificationCenter::defaultCenter(); }
+    // What was shown since the last look.
     std::vector<std::string> shown() {
         test::processEventsFor(30);
-        return std::exchange(alerts->shown, {});
+        const auto all = notifications.texts();
+        return std::vector<std::string>(all.begin() + long(std::exchange(seen, all.size())), all.end());
     }
 
     // A folder of the set named `name` (none: no mountpoint), its image password
@@ -116,8 +108,8 @@ protected:
 
     test::TempHome home;
     test::LogCapture log;
-    std::shared_ptr<Alerts> alerts = std::make_shared<Alerts>();
-    std::vector<std::shared_ptr<NotificationDelivery>> saved;
+    test::RecordedNotifications notifications;
+    size_t seen = 0;
     std::vector<std::string> clipboard;
     std::vector<std::string> revealed;
     QVRecordRef storage;

@@ -7,11 +7,11 @@
 #include <condition_variable>
 #include <stdexcept>
 
+#include "automation/AutomationTestSupport.h"
 #include "support/QtApp.h"
 #include "toolkit/LogCapture.h"
 #include "toolkit/MainThread.h"
 #include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
 #include "vault/Schemas.h"
 
 using namespace qv;
@@ -55,39 +55,21 @@ OperationRef scripted(const QVRecordRef& face, std::function<OperationResult(Scr
 
 std::shared_ptr<ScriptedTask> task(const OperationRef& operation) { return ScriptedTask::taskOf(operation); }
 
-struct Recording : NotificationDelivery {
-    std::vector<QVNotificationRef> shown;
-    void deliver(const QVNotificationRef& n) override { shown.push_back(n); }
-};
-struct BuiltInWay : PreferencesProvider {
-    Value fetchValueForPreference(const std::string& key) override {
-        return key == "QVNotificationType" ? Value(int(QVNotificationWayBuiltIn)) : Value();
-    }
-};
-
 class FolderTaskTest : public ::testing::Test {
 protected:
     OperationQueue queue;
     QVRecordRef face;
     test::LogCapture log;  // lines come from workers too
-    std::shared_ptr<Recording> alerts = std::make_shared<Recording>();
-    std::shared_ptr<NotificationDelivery> previousDelivery;
+    test::RecordedNotifications notifications;
 
     void SetUp() override {
         test::qtApp();
         face = faceAt("/nonexistent/Tax Papers");
-        auto& centre = QVNotificationCenter::defaultCenter();
-        previousDelivery = centre.delivery(QVNotificationWayBuiltIn);
-        centre.setDelivery(QVNotificationWayBuiltIn, alerts);
-        centre.setPreferencesProvider(std::make_shared<BuiltInWay>());
     }
     void TearDown() override {
         // Workers may be waiting for the main thread: turn it until they are done.
         EXPECT_TRUE(test::processEventsUntil([&] { return queue.operationCount() == 0; }, 60000));
         test::processEventsFor(10);
-        auto& centre = QVNotificationCenter::defaultCenter();
-        centre.setDelivery(QVNotificationWayBuiltIn, previousDelivery);
-        centre.setPreferencesProvider(nullptr);
     }
     static QVRecordRef faceAt(const std::string& path) {
         QVRecordRef folder = QVFolderCreate(QVStorageCreate("Default", URLValue{"/tmp"}), URLValue{path});
@@ -168,9 +150,8 @@ TEST_F(FolderTaskTest, FailReportsAndTheLockChecksAskTheMountTable) {
     ASSERT_TRUE(finish(op));
     test::processEventsFor(20);
     EXPECT_EQ(op->result()->code, QVErrorFailed);
-    ASSERT_EQ(alerts->shown.size(), 1u);
-    EXPECT_EQ(alerts->shown[0]->msg(), "Folder is busy");
-    EXPECT_TRUE(alerts->shown[0]->isSticky());
+    ASSERT_EQ(notifications.texts(), std::vector<std::string>{"Folder is busy"});
+    EXPECT_TRUE(notifications.shown()[0].sticky);
     EXPECT_TRUE(log.has("): failed locked/unlocked check 'Tax Papers': Folder is busy"));
     FolderFaceRef ff{face};
     EXPECT_FALSE(ff.progressIndeterminate().toBool() || ff.progressAnimate().toBool() || ff.cancelable().toBool());
