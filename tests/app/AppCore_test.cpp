@@ -1,5 +1,5 @@
-// Start-up operations of the application core: locations, defaults, moving
-// the previous version's data, and the dated backups.
+// Start-up operations of the application core: moving the previous version's
+// data, and the dated backups.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,7 +8,6 @@
 
 #include "app/Backup.h"
 #include "app/OldDataMigration.h"
-#include "app/UserDefaults.h"
 #include "disk/Locations.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
@@ -29,29 +28,6 @@ std::string readText(const fs::path& p) {
 }
 
 } // namespace
-
-TEST(Locations, FollowXDGDataHomeAndNameTheFiles) {
-    test::TempHome home;
-    const std::string ours = home.dataHome() + "/com.marrowfen.Quillvane3";
-    EXPECT_EQ(quillvaneURL(0), ours + "/database3");
-    EXPECT_EQ(quillvaneURL(2), home.dataHome() + "/Quillvane/database3");
-    EXPECT_EQ(defaultDiskImageLocationURL(), ours + "/Data");
-    EXPECT_TRUE(fs::is_directory(ours)) << "our directory is made on first use";
-    EXPECT_FALSE(fs::exists(oldAppSupURL())) << "the old one never is";
-}
-
-TEST(UserDefaults, RegisteredFallbacksYieldToStoredValuesAndPersist) {
-    test::TempHome home;
-    ASSERT_TRUE(registerQuillvaneDefaults());
-    auto& defaults = QVUserDefaults::standardUserDefaults();
-    defaults.setObject("QVShowInfoNotifications", Value(false));
-    ASSERT_TRUE(defaults.synchronize());
-    defaults.reopen();
-    EXPECT_FALSE(defaults.boolForKey("QVShowInfoNotifications"));
-    EXPECT_TRUE(fs::exists(home.configHome() + "/Quillvane/Quillvane.conf"));
-    defaults.removeObjectForKey("QVShowInfoNotifications");
-    EXPECT_TRUE(defaults.boolForKey("QVShowInfoNotifications")) << "back to the fallback";
-}
 
 TEST(OldData, IsBroughtOverOnlyWhenTheNewDatabaseIsMissing) {
     test::TempHome home;

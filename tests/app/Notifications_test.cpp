@@ -8,14 +8,10 @@
 #include <thread>
 #include <unistd.h>
 
-#include "app/UserDefaults.h"
 #include "support/QtApp.h"
-#include "support/TempHome.h"
 #include "toolkit/LogCapture.h"
 #include "ui/logic/NotificationConsole.h"
 #include "ui/logic/QVNotificationCenter.h"
-#include "ui/logic/QVNotificationColor.h"
-#include "ui/logic/QVUserDefaultsPreferencesProvider.h"
 
 using namespace qv;
 using qv::test::LogCapture;
@@ -118,38 +114,9 @@ TEST_F(NotificationsTest, TheWayChoosesTheDeliveryWithFallbackAndLogsAlerts) {
     EXPECT_FALSE(log.has("dropped")) << "info messages are not logged";
 }
 
-TEST_F(NotificationsTest, RefusedDelaysAndProgressOutsideZeroToOneChangeNothing) {
-    LogCapture quiet;
-    centre.setDelay(2.5);
-    centre.setDelay(NAN);
-    auto bar = centre.postProgress("indeterminate", false, false);
-    for (double bad : {1.01, -0.1, double(NAN)}) QVNotificationCenter::updateProgress(bar, bad);
-    QVNotificationCenter::updateProgress(bar, 1.0);
-    QVNotificationCenter::updateProgress(nullptr, 0.5);
-    settle();
-    ASSERT_EQ(ways[1]->count(), 1u);
-    EXPECT_DOUBLE_EQ(ways[1]->shown[0]->timeRemaining(), 2.5);
-    EXPECT_EQ(ways[1]->updates, (std::vector<double>{1.0}));
-    EXPECT_FALSE(bar->isBusy()) << "a finished message may time out";
-}
-
-TEST(NotificationPreferences, AStoredValueThatIsNotAColourGivesWayToTheDefault) {
-    test::TempHome home;
-    LogCapture quiet;
-    auto& defaults = QVUserDefaults::standardUserDefaults();
-    defaults.setObject("QVAlertBGColor", "#ff000080");
-    defaults.setObject("QVCriticalBGColor", "red");
-    ASSERT_TRUE(defaults.synchronize());
-    defaults.reopen();
-    QVNotificationCenter centre;
-    centre.setUserDefaultsPreferencesProvider();
-    EXPECT_EQ(QVColorFromValue(centre.fetchValueForPreference("QVAlertBGColor")), (QVColor{1, 0, 0, 128 / 255.0}));
-    EXPECT_EQ(QVColorFromValue(centre.fetchValueForPreference("QVCriticalBGColor")), (QVColor{0.538, 0.063, 0.12, 1}));
-    EXPECT_FALSE(QVColorFromValue(Value::newArray({Value(1.5), Value(0), Value(0)})));
-}
-
 TEST(NotificationThreads, WorkersPostAndAskThroughTheMainThread) {
     QCoreApplication& app = test::qtApp();
+    LogCapture quiet;
     QVNotificationCenter centre;
     auto rec = std::make_shared<Recording>();
     centre.setDelivery(QVNotificationWayBuiltIn, rec);
@@ -161,7 +128,8 @@ TEST(NotificationThreads, WorkersPostAndAskThroughTheMainThread) {
     std::atomic<bool> answer{false}, done{false};
     std::thread worker([&] {
         centre.postCritical("from a worker", false);
-        QVNotificationCenter::updateProgress(centre.postProgress("work", true, false), 0.5);
+        auto bar = centre.postProgress("work", true, false);
+        for (double amount : {1.01, double(NAN), 0.5}) QVNotificationCenter::updateProgress(bar, amount);
         answer = centre.postYesNo("Continue?", false);
         done = true;
     });
@@ -170,7 +138,7 @@ TEST(NotificationThreads, WorkersPostAndAskThroughTheMainThread) {
     settle();
     ASSERT_EQ(rec->count(), 3u);
     EXPECT_EQ(rec->lastThread, app.thread());
-    EXPECT_EQ(rec->updates, std::vector<double>{0.5});
+    EXPECT_EQ(rec->updates, std::vector<double>{0.5}) << "amounts outside 0..1 are refused";
     EXPECT_TRUE(answer);
     EXPECT_EQ(askedOn, app.thread());
 }

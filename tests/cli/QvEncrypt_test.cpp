@@ -141,20 +141,15 @@ TEST_F(QvEncrypt, ProtectsAFolderAndRefusesWhatItMustNot) {
     EXPECT_EQ(r.out.rfind("locked\t", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("\t-\t" + w.folder + "\n"), std::string::npos) << r.out;
 
-    // The everyday cycle: unlocked, the folder's path shows the files; locked, nothing.
+    // Unlocked, the folder's path shows the files; locked, nothing.
     r = w.qv({"unlock", w.folder});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, "unlocked\t" + w.folder + "\n");
     EXPECT_EQ(differencesInImage(before, w.folder), std::vector<std::string>{}) << "every file as it was";
-    writeBytes(w.folder + "/written while unlocked", "new");
     r = w.qv({"lock", w.folder});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, "locked\t" + w.folder + "\n");
     EXPECT_TRUE(fs::is_empty(w.folder)) << "the path is empty again";
-    EXPECT_EQ(w.qv({"lock", w.folder}).exitCode, 0) << "locked already counts as done";
-    ASSERT_EQ(w.qv({"unlock", w.folder}).exitCode, 0);
-    EXPECT_EQ(readFile(w.folder + "/written while unlocked"), "new");
-    ASSERT_EQ(w.qv({"lock", w.folder}).exitCode, 0);
     EXPECT_EQ(w.qv({"unlock", w.home + "/elsewhere"}).exitCode, 4) << "not a folder of the set";
 
     // Refusals: exit 4 with the reason.

@@ -86,7 +86,7 @@ TEST(OperationQueue, DependenciesHoldUnderRacesAcrossQueues) {
     EXPECT_EQ(ran.load(), 100 * 8);  // and every batch ran: no wake-up was lost
 }
 
-TEST(OperationQueue, UnlimitedByDefaultAndBoundedWhenAsked) {
+TEST(OperationQueue, UnlimitedByDefault) {
     OperationQueue queue;
     // Twenty operations that each wait until all twenty run: only a queue that
     // starts every ready one finishes this. Added one by one while earlier ones run.
@@ -95,17 +95,6 @@ TEST(OperationQueue, UnlimitedByDefaultAndBoundedWhenAsked) {
     for (int i = 0; i < 20; ++i) queue.addOperationWithBlock([&] { meeting.arrive(), met += meeting.wait(); });
     queue.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(met.load(), 20);
-
-    queue.setMaxConcurrentOperationCount(2);
-    std::atomic<int> running{0}, over{0};
-    for (int i = 0; i < 12; ++i)
-        queue.addOperationWithBlock([&] {
-            over += ++running > 2;
-            std::this_thread::sleep_for(2ms);
-            --running;
-        });
-    queue.waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(over.load(), 0);
 }
 
 TEST(OperationQueue, DestructionWaitsAndClosuresAreReleased) {
