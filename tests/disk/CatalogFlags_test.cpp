@@ -76,14 +76,4 @@ TEST_F(CatalogFlagsTest, CustomIconIsTheIconEntryOfTheDirectoryFile) {
     EXPECT_EQ(readWhole(folder + "/.directory"), "[Desktop Entry]\nIcon = folder-music\n");
 }
 
-TEST_F(CatalogFlagsTest, SeveralFlagsAreClearedOnlyWhenAllAreSet) {
-    const uint16_t both = qv::kHasCustomIcon | qv::kIsInvisible;
-    ASSERT_TRUE(qv::modifyCatalogFlag(qv::kIsInvisible, folder, true));
-    ASSERT_TRUE(qv::modifyCatalogFlag(both, folder, false));
-    EXPECT_EQ(qv::QVCatalogFlags(folder), qv::kIsInvisible) << "not all of them were on: nothing changes";
-    ASSERT_TRUE(qv::modifyCatalogFlag(both, folder, true));
-    ASSERT_TRUE(qv::modifyCatalogFlag(both, folder, false));
-    EXPECT_EQ(qv::QVCatalogFlags(folder), 0);
-}
-
 } // namespace

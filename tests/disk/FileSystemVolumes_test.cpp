@@ -2,8 +2,6 @@
 // plain items in a temporary directory; no mounting of our own.
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -66,17 +64,6 @@ TEST_F(VolumesTest, MountTableAndFileSystemFacts) {
     ASSERT_TRUE(label.has_value());
     while (!label->empty() && label->back() == '\n') label->pop_back();
     EXPECT_EQ(qv::volnameAtURL(dir).value_or(""), *label) << "any path on the volume gives its name";
-}
-
-TEST_F(VolumesTest, NoteOfAChangeReachesWatchers) {
-    std::ofstream(dir + "/item") << "x";
-    int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ASSERT_GE(::inotify_add_watch(fd, dir.c_str(), IN_ATTRIB), 0);
-    qv::notePathChanged(dir + "/item");
-    pollfd p{fd, POLLIN, 0};
-    EXPECT_EQ(::poll(&p, 1, 5000), 1) << "the watcher of the folder hears of the item";
-    ::close(fd);
 }
 
 } // namespace

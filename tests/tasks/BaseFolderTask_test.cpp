@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <stdexcept>
 
 #include "automation/AutomationTestSupport.h"
@@ -21,18 +21,9 @@ namespace {
 // A door a task waits at until the test opens it (a minute at most, so that a
 // fault fails the test instead of hanging it).
 struct Door {
-    std::mutex mutex;
-    std::condition_variable condition;
-    bool open = false;
-    void openIt() {
-        std::lock_guard lock(mutex);
-        open = true;
-        condition.notify_all();
-    }
-    bool pass() {
-        std::unique_lock lock(mutex);
-        return condition.wait_for(lock, std::chrono::seconds(60), [this] { return open; });
-    }
+    std::promise<void> opener;
+    std::shared_future<void> opened = opener.get_future().share();
+    bool pass() const { return opened.wait_for(std::chrono::seconds(60)) == std::future_status::ready; }
 };
 
 // The task of these tests: its body is whatever the test gives it.
@@ -105,7 +96,7 @@ TEST_F(FolderTaskTest, FollowersWaitForTheOperationCurrentWhenTheyWereQueued) {
     ASSERT_TRUE(test::processEventsUntil([&] { return task(first)->ran.load(); }));
     test::processEventsFor(20);
     EXPECT_FALSE(task(second)->ran || task(third)->ran);
-    firstDoor.openIt();
+    firstDoor.opener.set_value();
     ASSERT_TRUE(finish(second) && finish(third));
     EXPECT_EQ(task(first)->currentAtStart.lock(), first);
     EXPECT_FALSE(hasCurrentOperation(face)) << "the folder is idle again";
@@ -182,7 +173,7 @@ TEST_F(FolderTaskTest, CancelIsOnlyAFlagThatTheWorkPolls) {
     ASSERT_TRUE(test::processEventsUntil([&] { return reached.load(); }));
     EXPECT_TRUE(cancelCurrentOperation(face));
     EXPECT_FALSE(op->isCancelled()) << "nothing is stopped from outside";
-    pressed.openIt();
+    pressed.opener.set_value();
     ASSERT_TRUE(finish(op));
     test::processEventsFor(10);
     ASSERT_TRUE(op->result());
@@ -203,7 +194,7 @@ TEST_F(FolderTaskTest, AnOperationCancelledOnItsQueueLeavesNoCycle) {
         weakOp = op;
         addFolderTask(narrow, op);
         op->cancel();
-        door.openIt();
+        door.opener.set_value();
         narrow.waitUntilAllOperationsAreFinished();
         EXPECT_FALSE(task(op)->ran);
         // The next task finds a finished current operation with no error and runs.
