@@ -12,18 +12,6 @@ using namespace qv;
 
 namespace {
 
-// Notes each notice as "will:key=value" / "did:key=value", with the value the key had then.
-struct Recorder : QVRecordObserver {
-    std::vector<std::string> events;
-    void recordWillChangeValueForKey(const QVRecord& record, const std::string& key) override {
-        events.push_back("will:" + key + "=" + record.valueForKey(key).toString());
-    }
-    void recordDidChangeValueForKey(const QVRecord& record, const std::string& key) override {
-        events.push_back("did:" + key + "=" + record.valueForKey(key).toString());
-    }
-};
-using Events = std::vector<std::string>;
-
 QVRecordRef folderWithDiskInfo() {
     auto folder = QVFolderCreate(QVStorageCreate("Default", URLValue{"/data"}), URLValue{"/home/u/Secret"});
     DiskInfoRef info{QVRecordForProtocol(DiskInfo)};
@@ -33,31 +21,6 @@ QVRecordRef folderWithDiskInfo() {
 }
 
 } // namespace
-
-TEST(QVRecord, ObserversHearBeforeAndAfterAndAreHeldWeakly) {
-    auto folder = folderWithDiskInfo();
-    auto info = FolderRef{folder}.diskinfo().as<QVRecord>();
-    auto onInfo = std::make_shared<Recorder>(), onFolder = std::make_shared<Recorder>();
-    info->addObserver(onInfo, "url");
-    folder->addObserver(onFolder, "nosuch");
-    folder->addObserver(onFolder, "uuid");
-
-    const std::string old = folder->valueForKey("uuid").toString();
-    folder->setValueForKey(Value("x"), "nosuch");  // an unknown name is dropped, yet its observers hear
-    folder->setValueForKey(Value("NEW"), "uuid");
-    EXPECT_EQ(onFolder->events, (Events{"will:nosuch=", "did:nosuch=", "will:uuid=" + old, "did:uuid=NEW"}));
-
-    // A key path notifies the record at its end; a path of one part notifies nobody.
-    folder->setValueForKeyPath(Value::url("/moved/x.sparsebundle"), "diskinfo.url");
-    EXPECT_EQ(folder->valueForKeyPath("diskinfo.url").toURLPath(), "/moved/x.sparsebundle");
-    EXPECT_EQ(onInfo->events.size(), 2u);
-    folder->setValueForKeyPath(Value("AGAIN"), "uuid");
-    folder->removeObserver(onFolder.get(), "nosuch");
-    folder->setValueForKey(Value("y"), "nosuch");
-    EXPECT_EQ(onFolder->events.size(), 4u);
-    onFolder.reset();
-    folder->setValueForKey(Value("z"), "uuid");  // touches nothing dead
-}
 
 // Tasks write `locked` and `opCanceled` while the interface reads them; a key path
 // walk holds the box for its whole length. Meant for the sanitizer builds.
@@ -102,23 +65,6 @@ TEST(QVRecord, UpgradeAddsMissingFieldsEmptyAndKeepsTheRest) {
     folder->setValueForKey(Value(3), "autolock");
     QVRecordUpgrade(folder, Folder);
     EXPECT_EQ(folder->valueForKey("autolock").toInt(), 3) << "a second upgrade keeps what is there";
-}
-
-// dictCopy refuses a record with a null field (error 1001 naming it) rather than
-// hand out a dictionary with a hole.
-TEST(QVRecord, DictCopyNeedsEveryFieldFilled) {
-    DiskInfoRef d{QVRecordForProtocol(DiskInfo)};
-    d.setUrl(Value::url("/data/x.sparsebundle"));
-    d.setEncryption(Value("AES-256"));
-    d.setFilesystem(Value("HFS+J"));
-    QVError error;
-    EXPECT_EQ(d.record->dictCopy(&error), nullptr);
-    EXPECT_NE(error.description.find("'capacity'"), std::string::npos) << error.description;
-    d.setCapacity(Value(1024));
-    DictRef copy = d.record->dictCopy(&error);
-    ASSERT_TRUE(copy);
-    (*copy)["capacity"] = Value(1);
-    EXPECT_EQ(d.capacity().toInt(), 1024);
 }
 
 // New folders have their own identity and lists; record copies share their
