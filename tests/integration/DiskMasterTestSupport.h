@@ -1,19 +1,17 @@
 #pragma once
 // What the DiskMaster tests share: a sandbox that owns every image, mount point
-// and process of a test and takes them all down when the test ends, however it
-// ends; a Folder Set with one folder whose image password is wrapped under the
-// set's password, as the application keeps it; and running a blocking
-// operation on a worker thread while the main thread turns the event loop that
-// the operation posts to.
+// and process of a test and takes them all down however the test ends; a
+// Folder Set with folders whose image passwords are wrapped under the set's
+// password, as the application keeps them; and a blocking operation run on a
+// worker thread while the main thread turns the loop it posts to.
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <optional>
 #include <string>
 
+#include "automation/AutomationTestSupport.h"
 #include "disk/StorageLocations.h"
 #include "image/ImageTestSupport.h"
 #include "support/QtApp.h"
@@ -23,32 +21,6 @@
 
 namespace qv::test {
 
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value)
-            ::setenv(name, value->c_str(), 1);
-        else
-            ::unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            ::setenv(name_, old_->c_str(), 1);
-        else
-            ::unsetenv(name_);
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
-
-// Runs `work` on a thread of its own and turns the main thread's event loop
-// until it is done, so that its waits for the main thread are answered.
 template <class Work>
 auto offMainThread(Work work) {
     auto future = std::async(std::launch::async, std::move(work));
@@ -76,9 +48,8 @@ protected:
     std::string storageDir() const { return sandbox.path("storage"); }
     std::string tempDir() const { return storageDir() + "/Temp"; }
 
-    // A folder of the set at `path` (made when missing), with its image at
-    // `<storage>/<uuid>.sparsebundle` and the image password wrapped as the
-    // application wraps it. Its face holds the set and says `locked`.
+    // A folder of the set at `path` (made when missing), its image to be at
+    // `<storage>/<uuid>.sparsebundle`. Its face holds the set and says `locked`.
     QVRecordRef makeFace(const std::string& path, const std::string& imagePassword = kImagePassword) {
         std::filesystem::create_directories(path);
         QVRecordRef folder = QVFolderCreate(storage, URLValue{path});
@@ -87,9 +58,8 @@ protected:
         DiskInfoRef{diskinfo}.setUrl(Value::url(storageDir() + "/" + f.uuid().toString() + ".sparsebundle"));
         f.setDiskinfo(Value(diskinfo));
         auto wrapped = QVCrypto::encryptWithString(Bytes(imagePassword.begin(), imagePassword.end()), kSetPassword);
-        EXPECT_TRUE(wrapped);
         if (wrapped) f.setPassword(Value(*wrapped));
-        EXPECT_TRUE(subdb->addFolder(folder));
+        EXPECT_TRUE(wrapped && subdb->addFolder(folder));
         QVRecordRef face = QVFolderFaceCreate(folder);
         FolderFaceRef{face}.setSubdb(Value(subdb));
         FolderFaceRef{face}.setLocked(Value(true));
@@ -101,27 +71,24 @@ protected:
     }
     static bool locked(const QVRecordRef& face) { return FolderFaceRef{face}.locked().toBool(); }
 
-    // Makes the face's image directly with the helper.
     void createImageFor(const QVRecordRef& face, const std::string& volname = "Vol") {
         CommandResult r = sandbox.create(imageOf(face), kImagePassword, 64, "HFS+J", "AES-256", volname);
         ASSERT_EQ(r.exitCode, 0) << r.describe();
     }
-
     // The ext4 label of an image, read while nothing has it mounted.
     std::string labelOf(const std::string& image) {
         std::string dev;
         CommandResult r = sandbox.attachNoMount(image, kImagePassword, &dev);
         if (r.exitCode != 0 || dev.empty()) return "<not attached: " + r.describe() + ">";
-        CommandResult label = runCommand({"/usr/sbin/e2label", dev});
+        std::string label = runCommand({"/usr/sbin/e2label", dev}).out;
         sandbox.detach(dev);
-        while (!label.out.empty() && label.out.back() == '\n') label.out.pop_back();
-        return label.out;
+        return label.substr(0, label.find('\n'));
     }
 
     ImageSandbox sandbox;  // declared first: torn down last, after the environment is back
-    ScopedEnv toolDir{"QV_TOOL_DIR", std::string(QV_BINARY_DIR) + "/src"};
-    ScopedEnv runtimeDir{"XDG_RUNTIME_DIR", sandbox.runtimeDir()};
-    ScopedEnv layer{"QV_IMAGE_LAYER", std::string("fuse2fs")};
+    ScopedVariable toolDir{"QV_TOOL_DIR", std::string(QV_BINARY_DIR) + "/src"};
+    ScopedVariable runtimeDir{"XDG_RUNTIME_DIR", sandbox.runtimeDir()};
+    ScopedVariable layer{"QV_IMAGE_LAYER", "fuse2fs"};
     QVRecordRef storage;
     DBSubdbRef subdb;
 };
