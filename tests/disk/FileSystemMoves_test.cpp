@@ -47,12 +47,9 @@ TEST_F(MovesTest, MovesAndRenamesNeverReplace) {
 TEST_F(MovesTest, ForcedRenamesPutTheTimeBeforeTheExtension) {
     write("a.txt", "taken");
     write("a", "taken too");
-    write("one", "1");
-    EXPECT_EQ(qv::forceRenameItemAtPath(dir + "/one", "free.txt").value_or(""), dir + "/free.txt");
     write("three", "3");
     auto bare = qv::forceRenameItemAtPath(dir + "/three", "a");
-    ASSERT_TRUE(bare.has_value());
-    EXPECT_TRUE(std::regex_match(*bare, std::regex(".*/a \\d\\d-\\d\\d-\\d\\d( \\d+)?"))) << *bare;
+    EXPECT_TRUE(std::regex_match(bare.value_or(""), std::regex(".*/a \\d\\d-\\d\\d-\\d\\d( \\d+)?"))) << bare.value_or("");
     EXPECT_EQ(readWhole(dir + "/a"), "taken too");
 
     // Several forced renames to one name within a second all find room.

@@ -124,7 +124,7 @@ TEST_F(FolderSanity, TheMountTableWinsOverLockedAndAnUnknownStateStopsOnlyWhoCan
     EXPECT_EQ(sanityCheckFolderFace(unknown, nullptr), 0) << "no out-parameter: the test is skipped";
 }
 
-TEST_F(FolderSanity, SizeReportsPastEachMarkAndGivesNoSizeWhenCancelledOrFailed) {
+TEST_F(FolderSanity, SizeReportsPastEachMarkAndGivesNoSizeWhenCancelledOrFailedAndFreeSpace) {
     const std::string big = dir("Big");
     for (int i = 0; i < 6; ++i) {  // sparse: the walk sees 0, 150, ... 750 MiB before each
         std::ofstream(big + "/f" + std::to_string(i)).close();
@@ -145,17 +145,6 @@ TEST_F(FolderSanity, SizeReportsPastEachMarkAndGivesNoSizeWhenCancelledOrFailed)
     EXPECT_EQ(error.code, 1000);
     EXPECT_EQ(folderSizeOfFolderFace(face(dir("Empty"), true, true, true), false, &error), 0u) << "0 is a size";
     EXPECT_EQ(folderSizeOfFolderFace(face(home.root() + "/gone", true, true, true), false, &error), UINT64_MAX);
-}
-
-TEST_F(FolderSanity, FreeSpaceAndTheRowAtRest) {
     EXPECT_GT(QVStorageAvailableBytes(QVStorageDefault()), 0);
     EXPECT_EQ(QVStorageAvailableBytes(QVStorageMake("x", URLValue{home.root() + "/absent"})), -1);
-    QVRecordRef ff = face(dir("Rest"), true, true, true);
-    FolderRef{folderOf(ff)}.setFolderSize(Value(500000000));
-    DiskInfoRef{FolderRef{folderOf(ff)}.diskinfo().as<QVRecord>()}.setCapacity(Value(2000000000));
-    FolderList::singleton().setStatusText("Broken", true, ff);
-    FolderList::singleton().displayFolderSizeInfo(ff);
-    EXPECT_DOUBLE_EQ(FolderFaceRef{ff}.progressPercentage().toDouble(), 0.25);
-    EXPECT_EQ(FolderFaceRef{ff}.statusText().toString(), "500.0 MB of 2.0 GB used");
-    EXPECT_FALSE(FolderList::isErrorStatusColor(FolderFaceRef{ff}.statusColor()));
 }

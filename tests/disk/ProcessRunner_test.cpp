@@ -36,8 +36,6 @@ TEST(ProcessRunner, StatusOutputAndErrorText) {
     EXPECT_EQ(error.domain, qv::QVPOSIXErrorDomain);
     EXPECT_EQ(error.code, 3);
     EXPECT_EQ(error.description, "it broke: ü\n");
-    quickCommand("/bin/sh", {"-c", "kill -TERM $$"}, std::nullopt, &error);
-    EXPECT_EQ(error.code, 15) << "a child killed by a signal reports the signal's number";
 
     // Arguments reach the child one by one, untouched by any shell.
     out = quickCommand("/usr/bin/printf", {"[%s]", "a b", "$HOME", "*", ""}, std::nullopt, &error);
