@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include "vault/KeyedArchive.h"
 #include "vault/QVRecord.h"
@@ -21,34 +19,6 @@ QVRecordRef folderWithDiskInfo() {
 }
 
 } // namespace
-
-// Tasks write `locked` and `opCanceled` while the interface reads them; a key path
-// walk holds the box for its whole length. Meant for the sanitizer builds.
-TEST(QVRecord, AtomicFieldsHoldUpUnderConcurrentWriters) {
-    auto face = QVRecordForProtocol(FolderFace);
-    const std::string texts[] = {"a text long enough to live on the heap, not inline", "another, so a torn copy shows"};
-    std::atomic<bool> stop{false};
-    std::atomic<int> bad{0};
-    std::thread reader([&] {
-        while (!stop) {
-            Value locked = face->valueForKeyPath("locked"), text = face->valueForKey("opCanceled");
-            bad += !locked.isNull() && locked.kind() != Value::Kind::Bool;
-            bad += !text.isNull() && text.toString() != texts[0] && text.toString() != texts[1];
-        }
-    });
-    std::vector<std::thread> writers;
-    for (int w = 0; w < 3; ++w)
-        writers.emplace_back([&, w] {
-            for (int i = 0; i < 20000; ++i) {
-                face->setValueForKey(Value(i % 2 == 0), "locked");
-                face->setValueForKeyPath(Value(texts[(i + w) % 2]), "opCanceled");
-            }
-        });
-    for (auto& t : writers) t.join();
-    stop = true;
-    reader.join();
-    EXPECT_EQ(bad.load(), 0);
-}
 
 TEST(QVRecord, UpgradeAddsMissingFieldsEmptyAndKeepsTheRest) {
     auto kept = std::make_shared<QVRecordValue>(false, Value("OLD-UUID"));
