@@ -2,27 +2,14 @@
 // plistlib reads it, follows the UIDs from $top, and finds the four root keys.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <string>
-
 #include "disk/Locations.h"
+#include "image/ImageTestSupport.h"
 #include "support/TempHome.h"
 #include "vault/DBMaster.h"
 
 using namespace qv;
 
 namespace {
-
-std::string run(const std::string& command) {
-    std::string out;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-    ::pclose(pipe);
-    return out;
-}
 
 const char* kWalker = R"PY(
 import plistlib, sys
@@ -51,12 +38,6 @@ TEST(DatabaseFile, PythonPlistlibFindsTheFourRootKeys) {
     DBSubdbRef set = DBSubdb::subdbWithFolders({}, "pw");
     ASSERT_TRUE(master->addSubDB(set, true, nullptr));
     ASSERT_TRUE(set->save(nullptr));
-
-    const std::string script = home.root() + "/walk.py";
-    FILE* f = std::fopen(script.c_str(), "w");
-    ASSERT_TRUE(f);
-    std::fputs(kWalker, f);
-    std::fclose(f);
-    const std::string out = run("python3 '" + script + "' '" + quillvaneURL(0) + "' 2>&1");
-    EXPECT_EQ(out, "QVMDBParamCDKey QVMDBParamsKey QVMDBSubdbsKey QVMDBVersionKey\n2\n1 574\n");
+    test::CommandResult r = test::runCommand({"python3", "-c", kWalker, quillvaneURL(0)});
+    EXPECT_EQ(r.out + r.err, "QVMDBParamCDKey QVMDBParamsKey QVMDBSubdbsKey QVMDBVersionKey\n2\n1 574\n");
 }

@@ -10,10 +10,11 @@
 #include <string>
 
 #include "app/TaskQueue.h"
-#include "automation/AutomationTestSupport.h"
 #include "disk/FileSystemVolumes.h"
 #include "integration/DiskMasterTestSupport.h"
 #include "tasks/BaseFolderTask.h"
+#include "tasks/LockFolderTask.h"
+#include "tasks/UnlockFolderTask.h"
 #include "ui/logic/FolderList.h"
 
 namespace qv::test {
@@ -27,9 +28,7 @@ protected:
     }
 
     std::string folderPath(const std::string& name) const { return sandbox.path("folders/" + name); }
-
-    // An encrypted folder of the set with its image (volume label "Vol");
-    // returns its record.
+    // An encrypted folder of the set with its image (volume label "Vol").
     QVRecordRef addFolder(const std::string& name) {
         QVRecordRef face = makeFace(folderPath(name));
         createImageFor(face);
@@ -38,7 +37,6 @@ protected:
     }
     // Shows the set in the folder list; call once every folder is added.
     void show() { FolderList::singleton().loadSubdb(subdb); }
-    // The list's face of the folder.
     QVRecordRef face(const std::string& name) const {
         for (const auto& f : FolderList::singleton().faces())
             if (FolderRef{folderOf(f)}.mountpoint().toURLPath() == folderPath(name)) return f;
@@ -54,7 +52,8 @@ protected:
         processEventsFor(50);  // what the task posted without waiting
         return operation->result();
     }
-
+    OperationResult unlock(const std::string& name) { return run(UnlockFolderTask::taskWithFolderFace(face(name), false)); }
+    OperationResult lock(const std::string& name) { return run(LockFolderTask::taskWithFolderFace(face(name))); }
     bool mounted(const std::string& name) const { return isVolumeAtURL(folderPath(name), nullptr); }
 
     ApplicationsSandbox apps;
