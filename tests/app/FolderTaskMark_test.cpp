@@ -35,8 +35,7 @@ TEST(FolderTaskMark, OneHolderAtATimeAndTheMarkGoesWithItsHolder) {
     const std::string uuid = "0F2B3C4D-AAAA-BBBB-CCCC-000000000001";
     {
         auto mark = FolderTaskMark::hold(uuid);
-        ASSERT_TRUE(mark);
-        EXPECT_TRUE(FolderTaskMark::isHeld(uuid));
+        ASSERT_TRUE(mark && FolderTaskMark::isHeld(uuid));
         EXPECT_FALSE(FolderTaskMark::hold(uuid)) << "not twice, not even in one process";
         EXPECT_TRUE(FolderTaskMark::hold("0F2B3C4D-AAAA-BBBB-CCCC-000000000002")) << "other folders are free";
     }
@@ -53,8 +52,7 @@ TEST(FolderTaskMark, OneHolderAtATimeAndTheMarkGoesWithItsHolder) {
         ::_exit(0);
     }
     char c = 0;
-    EXPECT_EQ(::read(ready[0], &c, 1), 1);
-    EXPECT_EQ(c, 'y');
+    EXPECT_TRUE(::read(ready[0], &c, 1) == 1 && c == 'y');
     EXPECT_FALSE(FolderTaskMark::hold(uuid));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);

@@ -133,28 +133,20 @@ Value sampleGraph() {
 
 TEST(KeyedArchive, RoundTripsEveryKindOfValue) {
     ASSERT_TRUE(pinRegistered);
-    Value original = Value::newDict({
-        {"unicode", Value("Zoë – 日本 😀")},
-        {"min", Value(std::numeric_limits<int64_t>::min())},
-        {"max", Value(std::numeric_limits<int64_t>::max())},
-        {"half", Value(0.5)},
-        {"false", Value(false)},
-        {"empty data", Value(Bytes{})},
-        {"url", Value::url("/tmp/a b/ü/100%/x?y#z;q")},
-        {"date", Value::date(-1e6)},
-        {"array", Value::newArray({Value(1), Value(), Value::newArray()})},
-        {DictKey(Bytes{0, 1, 2}), Value("data key")},
-        {"$dollar", Value("a key that looks like the archive's own")},
-    });
+    Value original = Value::newDict({{"unicode", Value("Zoë – 日本 😀")},
+                                     {"min", Value(std::numeric_limits<int64_t>::min())},
+                                     {"max", Value(std::numeric_limits<int64_t>::max())},
+                                     {"half", Value(0.5)}, {"false", Value(false)}, {"empty data", Value(Bytes{})},
+                                     {"url", Value::url("/tmp/a b/ü/100%/x?y#z;q")}, {"date", Value::date(-1e6)},
+                                     {"array", Value::newArray({Value(1), Value(), Value::newArray()})},
+                                     {DictKey(Bytes{0, 1, 2}), Value("data key")},
+                                     {"$dollar", Value("a key that looks like the archive's own")}});
     Value back = roundTrip(original);
     ASSERT_TRUE(back.equals(original, true)) << back.description();
     // Value equality takes 1 for 1.0 and true; the kinds must survive as well.
     EXPECT_EQ(QVDictGet(*back.toDict(), "false").kind(), Value::Kind::Bool);
     EXPECT_EQ(QVDictGet(*back.toDict(), "date").kind(), Value::Kind::Date);
-
-    auto nothing = unarchiveObjectWithData(*archivedDataWithRootObject(Value()), nullptr);
-    ASSERT_TRUE(nothing);  // a null root is a result, not a failure
-    EXPECT_TRUE(nothing->isNull());
+    EXPECT_TRUE(roundTrip(Value()).isNull()) << "a null root is a result, not a failure";
 }
 
 TEST(KeyedArchive, SharedObjectsStaySharedAndDistinctOnesDistinct) {
@@ -169,7 +161,6 @@ TEST(KeyedArchive, SharedObjectsStaySharedAndDistinctOnesDistinct) {
 
     Value twins = roundTrip(Value::newArray({Value::newArray({Value(1)}), Value::newArray({Value(1)})}));
     EXPECT_NE(twins.toArray()->at(0).toArray(), twins.toArray()->at(1).toArray());
-
     // A weak reference is archived as its object while that lives, as null after.
     auto target = std::make_shared<Pin>();
     Value weak = Value::weak(target);
@@ -187,7 +178,6 @@ TEST(KeyedArchive, WritingRefusesWhatCouldNotBeReadBack) {
     loop.toArray()->push_back(Value::newDict({{"back", loop}}));
     expectRefusedWrite(loop, "cycle");
     loop.toArray()->clear();
-
     // What the reader accepts is writable; one level more is not.
     auto nest = [](int levels) {
         Value v("leaf");

@@ -2,7 +2,6 @@
 #include <openssl/sha.h>
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -59,22 +58,19 @@ TEST(QVCryptoContainer, RoundTripsAtEverySizeWithTheFixedLayout) {
     }
 }
 
-TEST(QVCryptoContainer, FreshSaltsDifferGivenParametersRepeat) {
+// Fresh salts differ; given parameters repeat; bad ones are never derived from.
+TEST(QVCryptoContainer, SaltsAndGivenParameters) {
     EXPECT_NE(QVCrypto::encrypt(B("same"), kPass), QVCrypto::encrypt(B("same"), kPass));
-    auto d = params(kSalt, 10);
-    auto x = QVCrypto::encrypt(B("same"), kPass, d);
+    auto x = QVCrypto::encrypt(B("same"), kPass, params(kSalt, 10));
     ASSERT_TRUE(x);
-    EXPECT_EQ(x, QVCrypto::encrypt(B("same"), kPass, d));
+    EXPECT_EQ(x, QVCrypto::encrypt(B("same"), kPass, params(kSalt, 10)));
     EXPECT_EQ(Bytes(x->begin() + 16, x->begin() + 48), kSalt);
-}
 
-TEST(QVCryptoContainer, BadParameterArgumentsAreRefused) {
     LogCapture quiet;
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, static_cast<DictRef*>(nullptr)));
     auto missing = params(kSalt, 10);
     missing->erase(QVCryptoParamLogN);
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, missing));
-    // Wrong kinds, a short salt, negative numbers: never derived from.
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(Bytes(16, 1), 10)));
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 10, "8")));
     EXPECT_FALSE(QVCrypto::encrypt(B("x"), kPass, params(kSalt, 10, 8u, -1)));
@@ -109,19 +105,17 @@ TEST(QVCryptoContainer, DamageWrongPasswordAndTruncation) {
         EXPECT_EQ(scryptdec_buf(container.data(), container.size(), out.data(), &outlen, pass.data(), pass.size(), 0,
                                 1.0, 10.0),
                   expected);
-        EXPECT_EQ(out, Bytes(c->size(), 0xEE));
-        EXPECT_EQ(outlen, 99u);
+        EXPECT_TRUE(out == Bytes(c->size(), 0xEE) && outlen == 99u);
     }
 
     // Implausible parameters are refused before deriving.
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 64, 8, 1)), 7);
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 10, 8, 0)), 7);
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 10, 1 << 15, 1 << 15)), 7);
-    // More memory than half of this machine: error 9, with its line on stderr.
+    // More memory than half of this machine: error 9 (and a line on stderr).
     testing::internal::CaptureStderr();
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 40, 8, 1)), 9);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err.rfind("Error 9 in scryptdec_buf! memlimit = ", 0), 0u) << err;
+    (void)testing::internal::GetCapturedStderr();
     // Little memory but 2^29 times the work: error 10.
     EXPECT_EQ(decryptCode(withHeader(*c, 0, 10, 8, 1 << 26)), 10);
 }
@@ -139,17 +133,10 @@ TEST(QVCryptoContainer, FrozenSampleOpensAndIsReproduced) {
     EXPECT_EQ(QVCrypto::encrypt(B(text), B(pw), d), sample);
 }
 
-// Pads and generated passwords: every value of the range, both ends included where
-// they should be, the pad never 255.
-TEST(QVCryptoRandom, HelpersCoverTheirRangeAndNothingElse) {
-    std::array<size_t, 256> seen{};
-    for (uint8_t b : QVCrypto::randomDataOfLength(255 * 400, 0, 255)) seen[b]++;
-    EXPECT_EQ(seen[255], 0u);
-    EXPECT_GT(*std::min_element(seen.begin(), seen.end() - 1), 250u);
+// Generated image passwords use every printable character, not a smaller set.
+TEST(QVCryptoRandom, PasswordsCoverThePrintableRange) {
     std::string pw = QVCrypto::randomPasswordOfLength(5000);
     EXPECT_EQ(std::set<char>(pw.begin(), pw.end()).size(), 94u);
-    // Lone surrogates, which have no UTF-8 form, are skipped.
-    EXPECT_TRUE(QVCrypto::randomStringOfLength(10, 0xDC00, 0xDC10).empty());
 }
 
 TEST(QVCryptoWipe, OverwritesInPlace) {
