@@ -1,10 +1,9 @@
-// Moving and renaming single items: never over an existing item, forced
-// renames that make room with the time of day, and removal of empty folders.
+// Moving and renaming single items: never over an existing item, and removal
+// of empty folders only.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 #include "disk/FileSystemMoves.h"
 #include "disk/TreeCompare.h"
@@ -42,27 +41,6 @@ TEST_F(MovesTest, MovesAndRenamesNeverReplace) {
     EXPECT_FALSE(qv::renameItemAtPath(dir + "/a.txt", "").has_value());
     EXPECT_EQ(readWhole(dir + "/b.txt"), "b");
     EXPECT_EQ(qv::renameItemAtPath(dir + "/a.txt", "new\nline").value_or(""), dir + "/new\nline");
-}
-
-TEST_F(MovesTest, ForcedRenamesPutTheTimeBeforeTheExtension) {
-    write("a.txt", "taken");
-    write("a", "taken too");
-    write("three", "3");
-    auto bare = qv::forceRenameItemAtPath(dir + "/three", "a");
-    EXPECT_TRUE(std::regex_match(bare.value_or(""), std::regex(".*/a \\d\\d-\\d\\d-\\d\\d( \\d+)?"))) << bare.value_or("");
-    EXPECT_EQ(readWhole(dir + "/a"), "taken too");
-
-    // Several forced renames to one name within a second all find room.
-    std::vector<std::string> used;
-    for (int i = 0; i < 4; ++i) {
-        write("extra" + std::to_string(i), std::to_string(i));
-        auto p = qv::forceRenameItemAtPath(dir + "/extra" + std::to_string(i), "a.txt");
-        ASSERT_TRUE(p.has_value());
-        EXPECT_TRUE(std::regex_match(*p, std::regex(".*/a \\d\\d-\\d\\d-\\d\\d( \\d+)?\\.txt"))) << *p;
-        used.push_back(*p);
-    }
-    for (size_t i = 0; i < used.size(); ++i) EXPECT_EQ(readWhole(used[i]), std::to_string(i));
-    EXPECT_EQ(readWhole(dir + "/a.txt"), "taken");
 }
 
 TEST_F(MovesTest, OnlyEmptyFoldersAreDeleted) {

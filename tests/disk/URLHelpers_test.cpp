@@ -28,7 +28,6 @@ TEST(URLHelpers, ImageDirectoriesVolumesAndDesktopEntries) {
 
     EXPECT_EQ(volume("/proc/self/status"), "/proc");
     EXPECT_EQ(volume(root + "/missing"), "");
-    EXPECT_TRUE(isInExternalVolume("/proc/self"));
     EXPECT_FALSE(isNetworkDrive("/proc")) << "external, but no network file system";
     EXPECT_TRUE(QVIsNetworkFileSystemType("fuse.sshfs"));
     EXPECT_FALSE(QVIsNetworkFileSystemType("nfsd"));
