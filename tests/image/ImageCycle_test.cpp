@@ -1,4 +1,4 @@
-// The life of an image on both file-system layers: attach, use, detach; what
+// The life of an image on both file-system layers: attach and detach; what
 // reaches the band files; surviving a crash of the processes that serve it;
 // refusing to detach a volume in use. And the sandbox teardown they all rely on.
 #include <signal.h>
@@ -37,34 +37,21 @@ protected:
     const std::string mnt = box.makeDir("folder");
 };
 
-TEST_P(ImageLayerTest, AttachWriteDetachAndAttachAgain) {
-    ASSERT_EQ(box.attach(image, mnt, kPassword).exitCode, 0);
+TEST_P(ImageLayerTest, AttachShowsAnEmptyVolumeAndDetachLeavesNothingRunning) {
+    ASSERT_EQ(box.attach(image, mnt, kPassword, /*nobrowse=*/true).exitCode, 0);
     auto entry = mountAt(mnt);
     ASSERT_TRUE(entry) << "not a mount point after attach";
     EXPECT_EQ(entry->fsType.find(GetParam() == "kernel" ? "ext4" : "fuse"), 0u) << entry->fsType;
     // A fresh volume shows nothing of its own to the user: lost+found is hidden.
     EXPECT_EQ(listDirectory(mnt), (std::vector<std::string>{".hidden", "lost+found"}));
     EXPECT_NE(readFile(mnt + "/.hidden").find("lost+found"), std::string::npos);
-
-    fs::create_directories(mnt + "/a/b");
-    writeFileSynced(mnt + "/a/b/one.bin", patternBytes(1, 300000));
-    writeFileSynced(mnt + "/a/b/one.bin", patternBytes(2, 123457));
-    writeFileSynced(mnt + "/two.txt", "hello");
-    fs::rename(mnt + "/two.txt", mnt + "/a/renamed.txt");
-    writeFileSynced(mnt + "/gone.txt", "bye");
-    fs::remove(mnt + "/gone.txt");
+    writeFileSynced(mnt + "/one", "one");
 
     ASSERT_EQ(box.detach(mnt).exitCode, 0);
     EXPECT_FALSE(isMountPoint(mnt));
     EXPECT_TRUE(listDirectory(mnt).empty()) << "the folder must be empty once detached";
     for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(processesUsing(box.root()).empty()) << "a process still serves the image after detach";
-
-    ASSERT_EQ(box.attach(image, mnt, kPassword, /*nobrowse=*/true).exitCode, 0);
-    EXPECT_EQ(readFile(mnt + "/a/b/one.bin"), patternBytes(2, 123457));
-    EXPECT_EQ(readFile(mnt + "/a/renamed.txt"), "hello");
-    EXPECT_FALSE(fs::exists(mnt + "/gone.txt"));
-    EXPECT_EQ(box.detach(mnt).exitCode, 0);
 }
 
 TEST_P(ImageLayerTest, BandsNeverHoldWhatWasWrittenThroughTheMount) {

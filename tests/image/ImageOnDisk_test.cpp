@@ -61,13 +61,15 @@ TEST_F(ImageOnDiskTest, SectorsAreXtsEncryptedUnderTheKeyInTheToken) {
         const std::string xtsKey(key->begin(), key->end());
         EXPECT_NE(xtsKey.substr(0, xtsKey.size() / 2), xtsKey.substr(xtsKey.size() / 2));
 
-        // Data including whole sectors of zeros, then the bands compared sector by sector with the disk.
+        // Data including whole sectors of zeros, then the bands compared sector by sector with the disk,
+        // which is journaled ext4 for HFS+J.
         ASSERT_EQ(box.attach(image, mnt, password).exitCode, 0);
         writeFileSynced(mnt + "/data", patternBytes(11, 20 << 20) + std::string(1 << 20, '\0'));
         ASSERT_EQ(box.detach(mnt).exitCode, 0);
         std::string dev;
         ASSERT_EQ(box.attachNoMount(image, password, &dev).exitCode, 0);
         const std::string disk = readFile(dev);
+        EXPECT_NE(runCommand({"dumpe2fs", "-h", dev}).out.find("has_journal"), std::string::npos);
         EXPECT_EQ(box.detach(dev).exitCode, 0);
         ASSERT_EQ(disk.size(), 64ull << 20) << "the served disk is not the image's size";
 
@@ -103,10 +105,9 @@ TEST_F(ImageOnDiskTest, HeaderFilesAndImageinfoDescribeTheImage) {
     EXPECT_EQ(info, readFile(image + "/Info.bckup")) << "the backup copy differs";
     auto plist = parsePropertyList(info);
     ASSERT_TRUE(plist && plist->toDict()) << info;
-    auto intOf = [](const std::optional<qv::Value>& v) { return v ? v->toInt() : -1; };
-    EXPECT_GE(intOf(dictGet(*plist, "format-version")), 1) << info;
-    EXPECT_EQ(intOf(dictGet(*plist, "band-size")), int64_t(kBandSize)) << info;
-    EXPECT_EQ(intOf(dictGet(*plist, "size")), int64_t(80) << 20) << info;
+    auto intOf = [&](const char* key) { return dictGet(*plist, key).value_or(qv::Value()).toInt(); };
+    EXPECT_TRUE(intOf("format-version") >= 1 && intOf("band-size") == int64_t(kBandSize) && intOf("size") == 80 << 20)
+        << info;
     for (const auto& name : listDirectory(image + "/bands"))
         EXPECT_LT(std::stoull(name, nullptr, 16), 10u) << "band beyond the end of an 80 MiB disk: " << name;
 
@@ -120,11 +121,10 @@ TEST_F(ImageOnDiskTest, HeaderFilesAndImageinfoDescribeTheImage) {
         auto about = parsePropertyList(r.out);
         ASSERT_TRUE(r.exitCode == 0 && about && about->toDict()) << r.describe();
         auto field = [&](const char* key) { return dictGet(*about, key).value_or(qv::Value()); };
-        EXPECT_EQ(field("size").toInt(), int64_t(80) << 20) << r.out;
-        EXPECT_EQ(field("band-size").toInt(), int64_t(kBandSize)) << r.out;
-        EXPECT_EQ(field("sector-size").toInt(), int64_t(kSector)) << r.out;
-        EXPECT_EQ(field("encryption").toString(), "AES-256") << r.out;
-        EXPECT_EQ(field("cipher").toString(), "AES-256-XTS") << r.out;
+        EXPECT_TRUE(field("size").toInt() == 80 << 20 && field("band-size").toInt() == int64_t(kBandSize) &&
+                    field("sector-size").toInt() == int64_t(kSector) && field("encryption").toString() == "AES-256" &&
+                    field("cipher").toString() == "AES-256-XTS")
+            << r.out;
         EXPECT_TRUE(field("attached").kind() == qv::Value::Kind::Bool && field("attached").toBool() == attached);
         if (!attached) {
             EXPECT_EQ(field("bands").toInt(), int64_t(listDirectory(image + "/bands").size())) << r.out;
@@ -132,20 +132,15 @@ TEST_F(ImageOnDiskTest, HeaderFilesAndImageinfoDescribeTheImage) {
     }
     ASSERT_EQ(box.detach(mnt).exitCode, 0);
 
-    // The volume name is the file-system label; HFS+ is ext4 without a journal, HFS+J with one.
-    const std::string journaled = box.path("journaled.sparsebundle");
-    ASSERT_EQ(box.create(journaled, password, 64, "HFS+J", "AES-256", "My Files").exitCode, 0);
-    for (const auto& [img, label, journal] : {std::tuple{image, std::string("Headers"), false},
-                                              std::tuple{journaled, std::string("My Files"), true}}) {
-        std::string dev;
-        ASSERT_EQ(box.attachNoMount(img, password, &dev).exitCode, 0);
-        EXPECT_EQ(runCommand({"e2label", dev}).out, label + "\n");
-        EXPECT_EQ(runCommand({"dumpe2fs", "-h", dev}).out.find("has_journal") != std::string::npos, journal) << img;
-        box.detach(dev);
-    }
+    // The volume name is the file-system label; HFS+ is ext4 without a journal (HFS+J, with one, is the rest).
+    std::string dev;
+    ASSERT_EQ(box.attachNoMount(image, password, &dev).exitCode, 0);
+    EXPECT_EQ(runCommand({"e2label", dev}).out, "Headers\n");
+    EXPECT_EQ(runCommand({"dumpe2fs", "-h", dev}).out.find("has_journal"), std::string::npos);
+    box.detach(dev);
 }
 
-TEST_F(ImageOnDiskTest, FilesOfOthersInTheBundleAreLeftAloneAndCreateOvReplacesAll) {
+TEST_F(ImageOnDiskTest, FilesOfOthersInTheBundleAreLeftAlone) {
     const std::string password = "others-password", image = box.path("others.sparsebundle"), mnt = box.makeDir("mnt");
     ASSERT_EQ(box.create(image, password, 64).exitCode, 0);
     // The application keeps its own record in the bundle.
@@ -159,13 +154,6 @@ TEST_F(ImageOnDiskTest, FilesOfOthersInTheBundleAreLeftAloneAndCreateOvReplacesA
     EXPECT_EQ(box.qvImage({"resize", "-stdinpass", "-size", "72m", image}, password).exitCode, 0);
     EXPECT_EQ(readFile(image + "/diskinfo"), diskinfo);
     EXPECT_EQ(fs::last_write_time(image + "/diskinfo"), before);
-
-    // create -ov replaces the image: the old password and contents are gone.
-    ASSERT_EQ(box.create(image, "new-password", 64).exitCode, 0);
-    EXPECT_EQ(box.qvImage({"imageinfo", image, "-plist", "-stdinpass"}, password).exitCode, 3);
-    ASSERT_EQ(box.attach(image, mnt, "new-password").exitCode, 0);
-    EXPECT_FALSE(fs::exists(mnt + "/f")) << "create -ov kept the old contents";
-    EXPECT_EQ(box.detach(mnt).exitCode, 0);
 }
 
 } // namespace

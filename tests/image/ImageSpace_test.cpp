@@ -20,6 +20,8 @@ namespace {
 const std::string kPassword = "space-test-password";
 constexpr uint64_t MiB = 1ull << 20;
 
+uint64_t diskUsage(const std::string& path) { return std::stoull(runCommand({"du", "-sB1", path}).out); }
+
 struct Limits {
     unsigned long long min = 0, current = 0, max = 0;  // 512-byte sectors
 };

@@ -45,15 +45,14 @@ bool startsWithPath(const std::string& path, const std::string& prefix) {
 }
 
 std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
 std::string readLink(const std::string& path) {
     std::error_code ec;
-    return fs::read_symlink(path, ec).string();
+    return fs::read_symlink(path, ec);
 }
 
 std::string unescapeMountField(const std::string& s) {
@@ -104,9 +103,9 @@ std::string CommandResult::describe() const {
 CommandResult runCommand(const std::vector<std::string>& argv, const CommandOptions& options) {
     std::vector<std::string> envStrings;
     for (char** e = environ; *e; ++e) {
-        const std::string entry(*e), name = entry.substr(0, entry.find('='));
-        if (std::none_of(options.env.begin(), options.env.end(), [&](const auto& kv) { return kv.first == name; }))
-            envStrings.push_back(entry);
+        const std::string entry = *e;
+        auto same = [&](const auto& kv) { return entry.rfind(kv.first + "=", 0) == 0; };
+        if (std::none_of(options.env.begin(), options.env.end(), same)) envStrings.push_back(entry);
     }
     for (const auto& [k, v] : options.env) envStrings.push_back(k + "=" + v);
     std::vector<char*> cenv;
@@ -118,19 +117,11 @@ CommandResult runCommand(const std::vector<std::string>& argv, const CommandOpti
         throw std::runtime_error("pipe failed");
     const pid_t pid = spawn(argv, cenv.data(), options.cwd, options.input ? in[0] : -1, out[1], err[1]);
     for (int fd : {in[0], out[1], err[1]}) ::close(fd);
+    if (pid < 0) throw std::runtime_error("cannot start " + argv[0]);
     CommandResult result;
     int inFd = in[1], fds[2] = {out[0], err[0]};
-    if (!options.input || options.input->empty() || pid < 0) {
-        ::close(inFd);
-        inFd = -1;
-    } else {
-        ::fcntl(inFd, F_SETFL, O_NONBLOCK);
-    }
-    if (pid < 0) {
-        for (int fd : fds) ::close(fd);
-        result.err = "cannot start " + argv[0];
-        return result;
-    }
+    if (!options.input || options.input->empty()) ::close(inFd), inFd = -1;
+    ::fcntl(inFd, F_SETFL, O_NONBLOCK);
     const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
     std::optional<Clock::time_point> exitedAt;
     size_t written = 0;
@@ -194,9 +185,8 @@ void stopChild(pid_t pid) {
 std::string qvImageBinary() { return std::string(QV_BINARY_DIR) + "/src/qv-image"; }
 
 std::string processName(pid_t pid) {
-    std::string comm = slurp("/proc/" + std::to_string(pid) + "/comm");
-    while (!comm.empty() && comm.back() == '\n') comm.pop_back();
-    return comm;
+    const std::string comm = slurp("/proc/" + std::to_string(pid) + "/comm");
+    return comm.substr(0, comm.find('\n'));
 }
 
 std::vector<pid_t> processesUsing(const std::string& prefix) {
@@ -219,8 +209,7 @@ void killProcesses(const std::vector<pid_t>& pids) {
     for (pid_t p : pids) {
         while (Clock::now() < deadline && ::waitpid(p, nullptr, WNOHANG) != p) {
             const std::string stat = slurp("/proc/" + std::to_string(p) + "/stat");
-            const size_t close = stat.rfind(')');
-            if (stat.empty() || (close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z')) break;
+            if (stat.empty() || stat.find(") Z ") != std::string::npos) break;  // gone, or a zombie not ours to reap
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
@@ -243,12 +232,10 @@ std::vector<MountEntry> mountTable() {
 std::optional<MountEntry> mountAt(const std::string& path) {
     // Not fs::canonical: a dead FUSE mount can't be stat'ed, but the directories above it can.
     std::error_code ec;
-    const fs::path p(path);
-    const auto parent = fs::weakly_canonical(p.parent_path(), ec);
-    const std::string canonical = ec ? path : (parent / p.filename()).string();
-    std::optional<MountEntry> found;
+    const std::string canonical = (fs::weakly_canonical(fs::path(path).parent_path(), ec) / fs::path(path).filename());
+    std::optional<MountEntry> found;  // the last one is on top
     for (const auto& m : mountTable())
-        if (m.mountPoint == canonical) found = m;  // the last one is on top
+        if (m.mountPoint == canonical) found = m;
     return found;
 }
 
@@ -256,9 +243,7 @@ bool isMountPoint(const std::string& path) { return mountAt(path).has_value(); }
 
 void lazyUnmount(const std::string& path) {
     if (::geteuid() == 0 && ::umount2(path.c_str(), MNT_DETACH) == 0) return;
-    CommandOptions o;
-    o.timeoutSeconds = 20;
-    runCommand({"fusermount3", "-uz", path}, o);
+    runCommand({"fusermount3", "-uz", path}, {{}, {}, "", 20});
 }
 
 std::string readFile(const std::string& path) {
@@ -333,16 +318,6 @@ std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after)
     return diff;
 }
 
-uint64_t diskUsage(const std::string& root) {
-    uint64_t total = 0;
-    struct stat st;
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator();
-         it.increment(ec))
-        if (::lstat(it->path().c_str(), &st) == 0) total += uint64_t(st.st_blocks) * 512;
-    return total;
-}
-
 std::vector<std::string> listDirectory(const std::string& dir) {
     // readdir rather than a directory_iterator, which throws when /proc entries vanish under it.
     std::vector<std::string> names;
@@ -378,8 +353,7 @@ ImageSandbox::ImageSandbox() : root_(makeTempDir("qvimage")), runtime_(root_ + "
 
 std::string ImageSandbox::makeDir(const std::string& name) const {
     std::error_code ec;
-    fs::create_directories(path(name), ec);
-    return path(name);
+    return fs::create_directories(path(name), ec), path(name);
 }
 
 CommandResult ImageSandbox::qvImage(const std::vector<std::string>& args, const std::optional<std::string>& password,
@@ -390,9 +364,7 @@ CommandResult ImageSandbox::qvImage(const std::vector<std::string>& args, const 
     if (!layer_.empty()) o.env.push_back({"QV_IMAGE_LAYER", layer_});
     CommandResult r = runCommand(argv, o);
     // The application reads a child's output to its end: a background process that keeps the pipes would hang it.
-    const std::string verb = args.empty() ? "" : args[0];
-    EXPECT_FALSE(r.pipesHeldOpen) << "qv-image " << verb << " left its output pipes open in a background process";
-    EXPECT_FALSE(r.timedOut) << "qv-image " << verb << " timed out";
+    EXPECT_FALSE(r.pipesHeldOpen || r.timedOut) << ::testing::PrintToString(args) << ": " << r.describe();
     return r;
 }
 
@@ -437,9 +409,8 @@ std::string ImageSandbox::createOrFail(const std::string& name, const std::strin
 }
 
 size_t ImageSandbox::killImageProcesses() const {
-    std::vector<pid_t> pids = processesUsing(root_);
-    killProcesses(pids);
-    return pids.size();
+    const std::vector<pid_t> pids = processesUsing(root_);
+    return killProcesses(pids), pids.size();
 }
 
 void ImageSandbox::cleanup() {

@@ -62,7 +62,6 @@ using TreeSnapshot = std::map<std::string, std::string>;
 TreeSnapshot snapshotTree(const std::string& root);
 std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after);  // empty when equal
 
-uint64_t diskUsage(const std::string& root);  // allocated bytes, not apparent size
 std::vector<std::string> listDirectory(const std::string& dir);  // sorted names; empty when missing
 void copyTree(const std::string& from, const std::string& to);  // keeps holes and times
 

@@ -3,7 +3,10 @@
 // across file systems keeps its source.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "disk/CopyEngine.h"
@@ -15,19 +18,6 @@ using namespace qv;
 using namespace qv::test;
 
 namespace {
-
-// A directory on another file system (tmpfs), removed however the test ends.
-struct OtherFileSystemDir {
-    std::string path;
-    OtherFileSystemDir() {
-        std::string tmpl = "/dev/shm/qvrescue.XXXXXX";
-        if (::mkdtemp(tmpl.data())) path = tmpl;
-    }
-    ~OtherFileSystemDir() {
-        std::error_code ec;
-        if (!path.empty()) fs::remove_all(path, ec);
-    }
-};
 
 class DiskMasterRescue : public DiskMasterTest {
 protected:
@@ -46,6 +36,12 @@ protected:
     bool copy(const QVRecordRef& face, const std::string& to, QVError* error) {
         return offMainThread([&] { return DiskMaster::copyImageFileForFolderFace(face, to, error); });
     }
+    // A directory on a file system of its own, taken down with the sandbox.
+    std::string otherFileSystem() {
+        const std::string dir = sandbox.makeDir("other");
+        EXPECT_EQ(::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=256m"), 0) << std::strerror(errno);
+        return dir;
+    }
 };
 
 } // namespace
@@ -61,9 +57,7 @@ TEST_F(DiskMasterRescue, MovedAndCopiedImagesStillOpenAndTheRecordIsLeftToTheCal
     ASSERT_TRUE(copy(face, copied, &error)) << error.description;
     EXPECT_TRUE(check(copied, kImagePassword) && check(image, kImagePassword)) << "a copy keeps its source";
 
-    OtherFileSystemDir other;
-    ASSERT_FALSE(other.path.empty());
-    const std::string moved = other.path + "/Moved.sparsebundle";
+    const std::string moved = otherFileSystem() + "/Moved.sparsebundle";
     ASSERT_TRUE(move(face, moved, &error)) << error.description;
     EXPECT_FALSE(fs::exists(image));
     EXPECT_TRUE(check(moved, kImagePassword));
@@ -80,12 +74,11 @@ TEST_F(DiskMasterRescue, ACancelledMoveAcrossFileSystemsKeepsTheSource) {
     QVRecordRef face = imagedFace("Cancelled");
     const std::string image = imageOf(face);
     FolderFaceRef{face}.setOpCanceled(Value(true));
-    OtherFileSystemDir other;
-    ASSERT_FALSE(other.path.empty());
+    const std::string other = otherFileSystem();
     // Status calls at once, so that the cancel is heard before a small image is through.
     QVCopySetStatusInterval(std::chrono::milliseconds(0));
     QVError error;
-    EXPECT_FALSE(move(face, other.path + "/Moved.sparsebundle", &error));
+    EXPECT_FALSE(move(face, other + "/Moved.sparsebundle", &error));
     EXPECT_EQ(error.code, QVErrorCancelled);
     EXPECT_EQ(error.description, "Operation cancelled");
     EXPECT_TRUE(check(image, kImagePassword)) << "the source is whole";
