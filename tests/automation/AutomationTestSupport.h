@@ -116,11 +116,7 @@ private:
 // before reading.
 class RecordedNotifications {
 public:
-    struct Message {
-        int type;
-        std::string text;
-        bool sticky;
-    };
+    struct Message { int type; std::string text; bool sticky; };
     RecordedNotifications() : previous_(centre().delivery(QVNotificationWayBuiltIn)) {
         centre().setDelivery(QVNotificationWayBuiltIn, recorder_);
         centre().setPreferencesProvider(recorder_);

@@ -16,7 +16,6 @@ namespace fs = std::filesystem;
 TEST(Indexing, MarkersComeAndGo) {
     const std::string dir = qv::test::makeTempDir("qvindex");
     qv::QVError error;
-    EXPECT_TRUE(qv::QVIndexingEnabled(dir));
     ASSERT_TRUE(qv::QVSetIndexingEnabled(dir, false, &error)) << error.description;
     EXPECT_TRUE(fs::exists(dir + "/.trackerignore") && fs::exists(dir + "/.nomedia"));
     // One marker alone is enough to keep indexers out.
