@@ -40,8 +40,7 @@ TEST(QvSet, CreateCheckFoldersAndChangeTheSetPassword) {
     EXPECT_EQ(user.qv({"folders"}).out, "") << "a new set has no folders";
     EXPECT_EQ(user.qv({"set", "create"}).exitCode, 4) << "a password in use is refused";
 
-    r = user.qv({"set", "passwd"}, "first secret\nsecond secret\n");
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ASSERT_EQ(user.qv({"set", "passwd"}, "first secret\nsecond secret\n").exitCode, 0);
     EXPECT_EQ(user.qv({"set", "check"}).exitCode, 3);
     EXPECT_EQ(user.qv({"set", "check"}, "second secret\n").exitCode, 0);
 
@@ -52,7 +51,6 @@ TEST(QvSet, CreateCheckFoldersAndChangeTheSetPassword) {
 TEST(QvSet, RefusesBadUsageEmptyPasswordsAndANewerDatabase) {
     ImageSandbox sandbox;
     QvUser user(sandbox, "usage", "");
-    EXPECT_EQ(user.qv({}).exitCode, 2);
     EXPECT_EQ(user.qv({"frobnicate"}).exitCode, 2);
     EXPECT_EQ(user.qv({"set", "create", "my password"}).exitCode, 2) << "no password on the command line";
     EXPECT_EQ(user.qv({"set", "create"}, "\n").exitCode, 4) << "an empty password";
@@ -62,9 +60,8 @@ TEST(QvSet, RefusesBadUsageEmptyPasswordsAndANewerDatabase) {
 
     // A database written by a newer version is refused before any password is read.
     fs::create_directories(user.data());
-    const auto newer = qv::archivedDataWithRootObject(qv::Value::newDict({{qv::QVMDBVersionKey, qv::Value(3)}}));
-    ASSERT_TRUE(newer);
-    std::ofstream(database, std::ios::binary).write(reinterpret_cast<const char*>(newer->data()), newer->size());
+    const auto newer = *qv::archivedDataWithRootObject(qv::Value::newDict({{qv::QVMDBVersionKey, qv::Value(3)}}));
+    std::ofstream(database, std::ios::binary).write(reinterpret_cast<const char*>(newer.data()), newer.size());
     auto r = user.qv({"set", "check"}, "whatever\n");
     EXPECT_EQ(r.exitCode, 4);
     EXPECT_NE(r.err.find("Invalid database version"), std::string::npos) << r.err;
