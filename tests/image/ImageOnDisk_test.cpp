@@ -140,20 +140,4 @@ TEST_F(ImageOnDiskTest, HeaderFilesAndImageinfoDescribeTheImage) {
     box.detach(dev);
 }
 
-TEST_F(ImageOnDiskTest, FilesOfOthersInTheBundleAreLeftAlone) {
-    const std::string password = "others-password", image = box.path("others.sparsebundle"), mnt = box.makeDir("mnt");
-    ASSERT_EQ(box.create(image, password, 64).exitCode, 0);
-    // The application keeps its own record in the bundle.
-    const std::string diskinfo = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>\n";
-    writeFileSynced(image + "/diskinfo", diskinfo);
-    const auto before = fs::last_write_time(image + "/diskinfo");
-    ASSERT_EQ(box.attach(image, mnt, password).exitCode, 0);
-    writeFileSynced(mnt + "/f", "x");
-    ASSERT_EQ(box.detach(mnt).exitCode, 0);
-    EXPECT_EQ(box.qvImage({"compact", "-stdinpass", image}, password).exitCode, 0);
-    EXPECT_EQ(box.qvImage({"resize", "-stdinpass", "-size", "72m", image}, password).exitCode, 0);
-    EXPECT_EQ(readFile(image + "/diskinfo"), diskinfo);
-    EXPECT_EQ(fs::last_write_time(image + "/diskinfo"), before);
-}
-
 } // namespace

@@ -55,17 +55,11 @@ std::string readLink(const std::string& path) {
     return fs::read_symlink(path, ec);
 }
 
-std::string unescapeMountField(const std::string& s) {
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '\\' && i + 3 < s.size() && std::isdigit((unsigned char)s[i + 1])) {
-            out.push_back(char((s[i + 1] - '0') * 64 + (s[i + 2] - '0') * 8 + (s[i + 3] - '0')));
-            i += 3;
-        } else {
-            out.push_back(s[i]);
-        }
-    }
-    return out;
+// The kernel writes a space in a mount point as \040.
+std::string unescapeMountField(std::string s) {
+    for (size_t i = 0; (i = s.find('\\', i)) != std::string::npos && i + 3 < s.size(); ++i)
+        s.replace(i, 4, 1, char(std::stoi(s.substr(i + 1, 3), nullptr, 8)));
+    return s;
 }
 
 // Starts argv with the given descriptors as 0, 1, 2 (-1: /dev/null) and no others.
@@ -247,28 +241,20 @@ void lazyUnmount(const std::string& path) {
 }
 
 std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
-    std::ostringstream s;
-    s << in.rdbuf();
-    if (in.bad()) throw std::runtime_error("cannot read " + path);
-    return s.str();
+    if (!std::ifstream(path)) throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+    return slurp(path);
 }
 
 void writeFileSynced(const std::string& path, const std::string& bytes) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok = fd >= 0;
-    for (size_t done = 0; ok && done < bytes.size();) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        ok = n > 0 || (n < 0 && errno == EINTR);
-        if (n > 0) done += size_t(n);
+    if (!(std::ofstream(path, std::ios::binary) << bytes)) throw std::runtime_error("cannot write " + path);
+    // The file through a descriptor open for writing: fuse2fs flushes only for one.
+    const std::string dir = fs::path(path).parent_path();
+    for (const auto& [p, flags] : {std::pair{path, O_WRONLY}, std::pair{dir, O_RDONLY}}) {
+        const int fd = ::open(p.c_str(), flags | O_CLOEXEC);
+        const bool ok = fd >= 0 && ::fsync(fd) == 0;
+        if (fd >= 0) ::close(fd);
+        if (!ok && p == path) throw std::runtime_error("cannot fsync " + path + ": " + std::strerror(errno));
     }
-    ok = ok && ::fsync(fd) == 0;
-    const int saved = errno;
-    if (fd >= 0) ::close(fd);
-    if (!ok) throw std::runtime_error("cannot write " + path + ": " + std::strerror(saved));
-    const int dir = ::open(fs::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) ::fsync(dir), ::close(dir);
 }
 
 std::string patternBytes(uint64_t seed, size_t size) {
@@ -306,13 +292,9 @@ TreeSnapshot snapshotTree(const std::string& root) {
 
 std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after) {
     std::string diff;
-    for (const auto& [name, d] : before) {
-        auto it = after.find(name);
-        if (it == after.end())
-            diff += "removed " + name + "\n";
-        else if (it->second != d)
-            diff += "changed " + name + ": " + d + " => " + it->second + "\n";
-    }
+    for (const auto& [name, d] : before)
+        if (!after.count(name) || after.at(name) != d)
+            diff += name + ": " + d + " => " + (after.count(name) ? after.at(name) : "removed") + "\n";
     for (const auto& [name, d] : after)
         if (!before.count(name)) diff += "added " + name + "\n";
     return diff;

@@ -48,8 +48,8 @@ private:
 };
 
 struct Received {
-    QString app, summary, body;
-    QVariantMap hints;
+    std::string app, summary, body;
+    QVariant urgency;
     int timeout = -99;
 };
 
@@ -66,7 +66,8 @@ public:
             return connection.send(message.createReply(QVariant(capabilities)));
         if (message.member() != "Notify" || message.signature() != "susssasa{sv}i") return false;
         const QList<QVariant> a = message.arguments();
-        calls.push_back({a[0].toString(), a[3].toString(), a[4].toString(), qdbus_cast<QVariantMap>(a[6]), a[7].toInt()});
+        calls.push_back({a[0].toString().toStdString(), a[3].toString().toStdString(), a[4].toString().toStdString(),
+                         qdbus_cast<QVariantMap>(a[6])["urgency"], a[7].toInt()});
         return connection.send(message.createReply(QVariant::fromValue(uint(calls.size()))));
     }
     bool received(size_t n) {
@@ -110,16 +111,13 @@ TEST_F(DesktopNotifications, MessagesReachTheDaemonWithTitleTextUrgencyAndTimeou
     centre.postCritical("Couldn't eject", true);
     centre.postInfo("Unlocked", false);
     ASSERT_TRUE(daemon.received(3));
-    const Received& alert = daemon.calls[0];
-    EXPECT_EQ(alert.app, "Quillvane");
-    EXPECT_EQ(alert.summary, "Alert!");
-    EXPECT_EQ(alert.body, "Folder A & B <locked>") << "a daemon without markup gets the text as it is";
-    EXPECT_EQ(alert.timeout, 2500);
-    EXPECT_EQ(alert.hints["urgency"].metaType().id(), QMetaType::UChar) << "urgency is a byte";
-    EXPECT_EQ(alert.hints["urgency"].toInt(), 1);
-    EXPECT_EQ(daemon.calls[1].summary, "Critical Alert!");
-    EXPECT_EQ(daemon.calls[1].hints["urgency"].toInt(), 2);
-    EXPECT_EQ(daemon.calls[1].timeout, 0) << "a sticky message never expires";
+    const Received &alert = daemon.calls[0], &critical = daemon.calls[1];
+    EXPECT_EQ(alert.app + "|" + alert.summary + "|" + alert.body, "Quillvane|Alert!|Folder A & B <locked>")
+        << "a daemon without markup gets the text as it is";
+    EXPECT_TRUE(alert.timeout == 2500 && alert.urgency.toInt() == 1);
+    EXPECT_EQ(alert.urgency.metaType().id(), QMetaType::UChar) << "urgency is a byte";
+    EXPECT_TRUE(critical.summary == "Critical Alert!" && critical.urgency.toInt() == 2);
+    EXPECT_EQ(critical.timeout, 0) << "a sticky message never expires";
     EXPECT_EQ(daemon.calls[2].summary, "Info");
 
     // A daemon that reads markup gets the text escaped, once it has said so.
@@ -132,7 +130,6 @@ TEST_F(DesktopNotifications, MessagesReachTheDaemonWithTitleTextUrgencyAndTimeou
     EXPECT_EQ(daemon.calls[4].body, "A &amp; B &lt;c&gt;");
 
     useDelivery(nullptr);
-    side.unregisterService("org.freedesktop.Notifications");
     side.unregisterObject("/org/freedesktop/Notifications");
     QDBusConnection::disconnectFromBus("fake-daemon");
 }

