@@ -24,11 +24,13 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "image/BandStore.h"
 #include "image/Helpers.h"
+#include "image/VolumeFlusher.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -459,6 +461,9 @@ void report(int pipeFd, const std::string& message) {
     ::close(pipeFd);
 
     std::thread control(controlLoop, std::ref(s), signalFd);
+    // Only an attached volume is mounted through fuse2fs and lives long.
+    std::optional<VolumeFlusher> flusher;
+    if (options.detached) flusher.emplace(options.attachmentDir);
     fuse_loop_config* config = fuse_loop_cfg_create();
     // Workers stay once started: a worker that ends takes its 1 MiB request
     // buffer and its cipher scratch with it, and the kernel's bursts of write-back
@@ -467,6 +472,7 @@ void report(int pipeFd, const std::string& message) {
     fuse_loop_cfg_set_idle_threads(config, kWorkerThreads);
     fuse_session_loop_mt(s.session, config);
     fuse_loop_cfg_destroy(config);
+    flusher.reset();
     {
         std::lock_guard<std::mutex> g(s.mutex);
         if (!s.shuttingDown) {
