@@ -105,6 +105,8 @@ backing_of() { case "$1" in a) echo "$A_IMG";; b) echo "$B_IMG";; c) echo "$C_DI
 SRC="$WORK/source.bin"
 head -c "$((MIB * 1048576))" /dev/urandom > "$SRC"
 cat "$SRC" > /dev/null
+# Nothing of the setup may still be on its way to the disk when a stack is timed.
+sync
 
 # ------------------------------------------------------------------ measurements
 now() { date +%s.%N; }
@@ -157,6 +159,7 @@ declare -A W R F
 for s in a b c d e; do
   m="$(mnt_of "$s")"
   echo "  running on ($s) $m"
+  sync
   t0=$(now); dd if="$SRC" of="$m/big" bs=1M conv=fsync status=none; t1=$(now)
   W[$s]=$(rate "$MIB" "$t0" "$t1")
   drop_caches "$s"

@@ -141,3 +141,15 @@ TEST_F(ImageOnDiskTest, HeaderFilesAndImageinfoDescribeTheImage) {
 }
 
 } // namespace
+
+// An image made by the first version of the format, frozen: a copy of it must
+// keep opening and reading for ever.
+TEST_F(ImageOnDiskTest, TheFrozenVersionOneSampleStillOpens) {
+    const std::string image = box.path("sample.sparsebundle"), mnt = box.makeDir("mnt-sample");
+    fs::copy(std::string(QV_FIXTURES_DIR) + "/image-v1.sparsebundle", image, fs::copy_options::recursive);
+    const std::string password = "frozen sample password";
+    EXPECT_EQ(box.qvImage({"imageinfo", image, "-plist", "-stdinpass"}, password).exitCode, 0);
+    ASSERT_EQ(box.attach(image, mnt, password).exitCode, 0);
+    EXPECT_EQ(readFile(mnt + "/docs/readme.txt"), "Frozen sample of the image format, version 1.\n");
+    EXPECT_EQ(box.detach(mnt).exitCode, 0);
+}
