@@ -68,28 +68,26 @@ void wake(Server& s) {
     (void)!::write(s.wakeFd, &one, sizeof one);
 }
 
-struct stat diskAttributes(const Server& s) {
+// Both entries belong to the user who attached, and only to him.
+struct stat ownAttributes(const Server& s, fuse_ino_t ino, mode_t mode, nlink_t links) {
     struct stat st {};
-    st.st_ino = kDiskInode;
-    st.st_mode = S_IFREG | 0600;
-    st.st_nlink = 1;
+    st.st_ino = ino;
+    st.st_mode = mode;
+    st.st_nlink = links;
     st.st_uid = s.uid;
     st.st_gid = s.gid;
+    return st;
+}
+
+struct stat diskAttributes(const Server& s) {
+    struct stat st = ownAttributes(s, kDiskInode, S_IFREG | 0600, 1);
     st.st_size = off_t(s.store->size());
     st.st_blksize = kSectorSize;
     st.st_blocks = blkcnt_t(s.store->size() / 512);
     return st;
 }
 
-struct stat rootAttributes(const Server& s) {
-    struct stat st {};
-    st.st_ino = FUSE_ROOT_ID;
-    st.st_mode = S_IFDIR | 0700;
-    st.st_nlink = 2;
-    st.st_uid = s.uid;
-    st.st_gid = s.gid;
-    return st;
-}
+struct stat rootAttributes(const Server& s) { return ownAttributes(s, FUSE_ROOT_ID, S_IFDIR | 0700, 2); }
 
 void opInit(void* userdata, fuse_conn_info* conn) {
     (void)userdata;
