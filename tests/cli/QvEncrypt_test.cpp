@@ -8,12 +8,14 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "cli/CliSupport.h"
+#include "disk/DiskMasterSupport.h"
 #include "disk/TreeCompare.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
@@ -132,6 +134,20 @@ TEST_F(QvEncrypt, ProtectsAFolderAndRefusesWhatItMustNot) {
     EXPECT_TRUE(fs::is_directory(w.folder) && fs::is_empty(w.folder)) << "an empty mount point stays";
     EXPECT_EQ(compareTrees(before, w.trashed()), std::vector<std::string>{}) << "the original, whole, in the Trash";
     EXPECT_EQ(w.images().size(), 1u);
+    {
+        // The image's own password: 30 to 40 random printable characters, kept
+        // only wrapped under the set's password.
+        auto master = qv::DBMaster::initWithMasterDBURL(w.data() + "/database3", false, nullptr);
+        auto set = master ? master->getSubDBWithPassword(w.password, nullptr) : nullptr;
+        ASSERT_TRUE(set && set->folders().size() == 1u);
+        qv::diskmaster::ImagePassword image(nullptr, set->folders().front());
+        ASSERT_TRUE(image.fill(nullptr));
+        const std::string plain(image.bytes().begin(), image.bytes().end());
+        EXPECT_TRUE(plain.size() >= 30 && plain.size() <= 40) << plain.size();
+        EXPECT_TRUE(std::all_of(plain.begin(), plain.end(), [](char c) { return c > ' ' && c < 127; }));
+        EXPECT_EQ(readFile(w.data() + "/database3").find(plain), std::string::npos);
+        master->returnSubDB(set);
+    }
     r = w.qv({"status"});
     EXPECT_EQ(r.out.rfind("locked\t", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("\t-\t" + w.folder + "\n"), std::string::npos) << r.out;
