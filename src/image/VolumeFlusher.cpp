@@ -32,21 +32,18 @@ std::optional<unsigned long long> cpuTicksOf(pid_t pid) {
     return utime + stime;
 }
 
-// Opens the volume's .hidden file for writing (fuse2fs flushes only for a
-// writer), making it again with its usual contents when it was removed.
-// Refuses anything that is not on the volume mounted at `mountPoint`.
+// Opens a file of the volume for writing (fuse2fs flushes only for a writer).
+// Its own file in lost+found comes first: every open for writing ends in a
+// close-after-write event, and a file manager showing the volume's root would
+// answer one on .hidden by reading it again, which would be activity, and a
+// flush, every few seconds for as long as it watched. .hidden serves when
+// lost+found is gone. Refuses anything that is not on the volume at `mountPoint`.
 int openFlushTarget(const std::string& mountPoint) {
     struct stat volume {};
     if (::stat(mountPoint.c_str(), &volume) != 0) return -1;
-    const std::string path = mountPoint + "/.hidden";
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0 && errno == ENOENT) {
-        fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0644);
-        if (fd >= 0) {
-            static const char kHidden[] = "lost+found\n";
-            (void)!::write(fd, kHidden, sizeof kHidden - 1);
-        }
-    }
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+    int fd = ::open((mountPoint + "/lost+found/.qv-image-flush").c_str(), kFlags | O_CREAT, 0600);
+    if (fd < 0) fd = ::open((mountPoint + "/.hidden").c_str(), kFlags);
     if (fd < 0) return -1;
     struct stat target {};
     if (::fstat(fd, &target) != 0 || target.st_dev != volume.st_dev || !S_ISREG(target.st_mode)) {

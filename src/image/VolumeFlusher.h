@@ -5,8 +5,8 @@
 // commits within seconds. Without help, a folder made or a file renamed without
 // an fsync could be lost to a crash hours later. The flusher, a thread of the
 // device process, asks fuse2fs to write everything out a few seconds after it
-// last did anything: through an fsync of the volume's `.hidden` file, the one
-// kind of request on which fuse2fs flushes all.
+// last did anything: through an fsync of a file of its own in the volume's
+// lost+found, the one kind of request on which fuse2fs flushes all.
 #include <condition_variable>
 #include <mutex>
 #include <string>
