@@ -122,7 +122,8 @@ TEST_F(FolderTaskTest, AFailedCurrentOperationStopsTheFollowerButAFailedTaskLets
     auto throwing = scripted(face, [](auto&, auto&) -> OperationResult { throw std::runtime_error("bug"); });
     auto next = scripted(face, nullptr);
     for (const auto& op : {failing, throwing, next}) addFolderTask(queue, op);
-    ASSERT_TRUE(finish(next));
+    // The two followers of `failing` may run in either order.
+    ASSERT_TRUE(finish(throwing) && finish(next));
     EXPECT_TRUE(task(next)->ran);
     EXPECT_EQ(failing->result()->description, "no");
     EXPECT_EQ(throwing->result()->code, QVErrorRefused);
