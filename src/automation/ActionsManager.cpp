@@ -28,7 +28,6 @@ std::string withoutExtension(const std::string& name) {
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
-std::string mountpointOf(const QVRecordRef& folder) { return QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath()); }
 
 // The folders whose action lists are running on this thread, outermost first:
 // a chain of Unlock and Lock Folder actions runs on one thread, depth first.
@@ -75,7 +74,7 @@ bool ActionsManager::executeActions(const ArrayRef& actions, const QVRecordRef& 
     std::stable_sort(sorted.begin(), sorted.end(), [](const QVRecordRef& a, const QVRecordRef& b) {
         return FolderActionRef{a}.priority().toInt() < FolderActionRef{b}.priority().toInt();
     });
-    RunningActions running(mountpointOf(folder));
+    RunningActions running(QVFolderMountpointPath(folder));
     for (const QVRecordRef& action : sorted) {
         if (!executeAction(action, folder, error)) return false;
     }
@@ -125,7 +124,7 @@ bool ActionsManager::executeClose(const QVRecordRef& action, const QVRecordRef& 
         QVRunningApplication::runningApplicationsWithBundleIdentifier(parameter.toString());
     if (instances.empty()) return true;
 
-    const QVRecordRef face = faceForFolder(mountpointOf(folder));
+    const QVRecordRef face = faceForFolder(QVFolderMountpointPath(folder));
     const std::string name = withoutExtension(QVLastPathComponent(a.url().toURLPath()));
     for (const QVRunningApplication& instance : instances) {
         const std::string status = QVFormat("Closing %s...", name.c_str());
@@ -166,7 +165,7 @@ bool runFolderTask(const QVRecordRef& action, const QVRecordRef& folder, QVError
     const QVRecordRef face = ActionsManager::faceForFolder(target);
     if (!face) {
         QVSetAppError(error, QVErrorActionFailed,
-                      QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(mountpointOf(folder)).c_str()));
+                      QVFormat("%s: %s", kFolderNotFound, QVLastPathComponent(QVFolderMountpointPath(folder)).c_str()));
         return goOnWhenMissing;
     }
     const OperationResult result = std::make_shared<Task>()->go(face);
@@ -200,7 +199,7 @@ QVRecordRef ActionsManager::faceForFolder(const std::string& url) {
     performBlockOnMainThread(
         [&] {
             for (const QVRecordRef& face : FolderList::singleton().faces()) {
-                if (mountpointOf(FolderFaceRef{face}.folder().as<QVRecord>()) == path) {
+                if (QVFolderMountpointPath(FolderFaceRef{face}.folder().as<QVRecord>()) == path) {
                     found = face;
                     return;
                 }

@@ -14,7 +14,6 @@ namespace qv {
 
 namespace {
 
-std::string mountpointOf(const QVRecordRef& folder) { return QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath()); }
 
 bool listAimsAt(const ArrayRef& actions, const std::string& path) {
     if (!actions || path.empty()) return false;
@@ -102,16 +101,16 @@ bool FolderActionsEditor::addOpenActionWithURL(const std::string& url, bool unlo
 bool FolderActionsEditor::folderHasActionForFolder(const QVRecordRef& folder, const QVRecordRef& other,
                                                    bool lockAction) {
     FolderRef f{folder};
-    return listAimsAt(lockAction ? f.lockActions().toArray() : f.unlockActions().toArray(), mountpointOf(other));
+    return listAimsAt(lockAction ? f.lockActions().toArray() : f.unlockActions().toArray(), QVFolderMountpointPath(other));
 }
 
 std::vector<QVRecordRef> FolderActionsEditor::candidateFolders(bool lock) const {
     std::vector<QVRecordRef> candidates;
     DBSubdbRef subdb = QVRecordGetSubdb(folder_);
     if (!subdb) return candidates;
-    const std::string self = mountpointOf(folder_);
+    const std::string self = QVFolderMountpointPath(folder_);
     for (const QVRecordRef& other : subdb->folders()) {
-        if (mountpointOf(other) == self) continue;
+        if (QVFolderMountpointPath(other) == self) continue;
         if (folderHasActionForFolder(folder_, other, lock)) continue;
         candidates.push_back(other);
     }
@@ -122,7 +121,7 @@ bool FolderActionsEditor::hasCircularDependenciesForActions(const ArrayRef& acti
     (void)actions;
     DBSubdbRef subdb = QVRecordGetSubdb(folder_);
     if (!subdb) return false;
-    const std::string self = mountpointOf(folder_);
+    const std::string self = QVFolderMountpointPath(folder_);
     for (const QVRecordRef& other : subdb->folders()) {
         FolderRef g{other};
         if (listAimsAt(g.lockActions().toArray(), self)) return true;

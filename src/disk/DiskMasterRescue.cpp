@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 
 #include "disk/DiskMaster.h"
@@ -105,11 +104,7 @@ void showAlert(const std::string& title, const std::string& text) {
 
 // The directory and the last component of a destination path.
 std::pair<std::string, std::string> splitDestination(const std::string& destination) {
-    const std::string trimmed = QVTrimmedPath(destination);
-    const std::string name = QVLastPathComponent(trimmed);
-    std::string dir = std::filesystem::path(trimmed).parent_path().string();
-    if (dir.empty()) dir = ".";
-    return {dir, name};
+    return {QVParentPath(destination), QVLastPathComponent(destination)};
 }
 
 // The image's extension with its dot (".sparsebundle"), or "" when it has none.
@@ -158,7 +153,7 @@ bool DiskMaster::rescuePassWord(const QVRecordRef& folder, const std::optional<s
     if (onDesktop && ::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
         QV_LOG_WARN(QVFormat("couldn't make the desktop directory '%s': %s", dir.c_str(), std::strerror(errno)));
     const std::string fileName = name + " - PASSWORD (DELETE ME!).txt";
-    const std::string path = (dir == "/" ? std::string() : dir) + "/" + fileName;
+    const std::string path = QVPathByAppendingComponent(dir, fileName);
     std::string addition;
     {
         Bytes bytes(password.begin(), password.end());
@@ -243,7 +238,7 @@ bool DiskMaster::rescueDiskImageForFolderFace(const QVRecordRef& face, bool canc
         // The set keeps the only other copy of the password: the folder stays
         // in it unless the password reached the user.
         if (!rescuePassWord(parts.folder, dir)) return false;
-        const std::string rescued = (dir == "/" ? std::string() : dir) + "/" + fileName;
+        const std::string rescued = QVPathByAppendingComponent(dir, fileName);
         if (auto select = QVCurrentSelectInFileViewer())
             select(rescued);
         else

@@ -19,10 +19,6 @@
 namespace qv {
 namespace {
 
-std::string join(const std::string& dir, const std::string& name) {
-    return dir == "/" ? "/" + name : dir + "/" + name;
-}
-
 bool exists(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
@@ -39,7 +35,7 @@ int renameNoReplace(const std::string& from, const std::string& to) {
 } // namespace
 
 std::optional<std::string> moveFile(const std::string& path, const std::string& directory) {
-    const std::string dest = join(QVTrimmedPath(directory), QVLastPathComponent(path));
+    const std::string dest = QVPathByAppendingComponent(QVTrimmedPath(directory), QVLastPathComponent(path));
     if (exists(dest)) {
         QV_LOG_FAILED("!exists(dest)");
         QV_LOG_ERROR(QVFormat("can't move, destination exists: %s", dest.c_str()));
@@ -62,7 +58,7 @@ std::optional<std::string> renameItemAtPath(const std::string& path, const std::
         QV_LOG_ERROR(QVFormat("couldn't rename '%s' to '%s': %s", path.c_str(), newName.c_str(), std::strerror(EINVAL)));
         return std::nullopt;
     }
-    const std::string target = join(QVParentPath(path), newName);
+    const std::string target = QVPathByAppendingComponent(QVParentPath(path), newName);
     if (exists(target)) {
         QV_LOG_ERROR(QVFormat("file exists: %s", target.c_str()));
         return std::nullopt;
@@ -81,7 +77,7 @@ std::optional<std::string> forceRenameItemAtPath(const std::string& path, const 
         return std::nullopt;
     }
     const std::string parent = QVParentPath(path);
-    std::string target = join(parent, newName);
+    std::string target = QVPathByAppendingComponent(parent, newName);
     if (target == QVTrimmedPath(path)) return target;
     int err = renameNoReplace(path, target);
     if (err == EEXIST) {
@@ -95,12 +91,12 @@ std::optional<std::string> forceRenameItemAtPath(const std::string& path, const 
         struct tm local;
         ::localtime_r(&now, &local);
         std::strftime(stamp, sizeof stamp, " %H-%M-%S", &local);
-        target = join(parent, stem + stamp + extension);
+        target = QVPathByAppendingComponent(parent, stem + stamp + extension);
         QVLogInfo(QVFormat("new destination: '%s'", target.c_str()));
         err = renameNoReplace(path, target);
         // Two forced renames within one second: number them rather than replace.
         for (int n = 2; err == EEXIST && n < 1000; ++n) {
-            target = join(parent, stem + stamp + " " + std::to_string(n) + extension);
+            target = QVPathByAppendingComponent(parent, stem + stamp + " " + std::to_string(n) + extension);
             err = renameNoReplace(path, target);
         }
     }

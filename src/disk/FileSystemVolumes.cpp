@@ -16,6 +16,7 @@
 
 #include "disk/ProcessRunner.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
@@ -82,7 +83,7 @@ std::optional<std::string> resolveParentKeepName(const std::string& path) {
     if (!::realpath(parent.c_str(), buffer)) return std::nullopt;
     std::string resolved = buffer;
     if (name.empty()) return resolved;
-    return resolved == "/" ? "/" + name : resolved + "/" + name;
+    return QVPathByAppendingComponent(resolved, name);
 }
 
 // The mount table entry of the file system that holds `st`.

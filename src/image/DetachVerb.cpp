@@ -1,8 +1,6 @@
 // detach: take a volume (or a disk served without mount) away. A volume in use
 // is refused and its first holder named; -force unmounts lazily and lets the
 // device process end by itself once the last holder lets go.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,24 +52,6 @@ std::string busyMessage(const std::string& what, const std::optional<Holder>& ho
     if (!holder) return what + " is busy";
     return QVFormat("%s is busy: held by %s (pid %d)", what.c_str(), holder->name.c_str(), int(holder->pid));
 }
-
-// Held while we detach: a flush of the volume under way ends first, and none
-// starts meanwhile (its open file would make the volume look busy).
-class FlushPause {
-public:
-    explicit FlushPause(const std::string& attachmentDir)
-        : fd_(::open(flushLockOf(attachmentDir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-        if (fd_ >= 0) ::flock(fd_, LOCK_EX);
-    }
-    ~FlushPause() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FlushPause(const FlushPause&) = delete;
-    FlushPause& operator=(const FlushPause&) = delete;
-
-private:
-    int fd_;
-};
 
 bool looksBusy(const ProgramResult& r) {
     return r.err.find("busy") != std::string::npos || r.out.find("busy") != std::string::npos;

@@ -17,6 +17,10 @@ namespace qv::image {
 
 namespace {
 
+int openFlushLock(const std::string& attachmentDir) {
+    return ::open((attachmentDir + "/flush.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+}
+
 // CPU time fuse2fs has used so far, in clock ticks: it moves when, and only when,
 // fuse2fs served a request, so an idle volume is never written to.
 std::optional<unsigned long long> cpuTicksOf(pid_t pid) {
@@ -56,7 +60,7 @@ int openFlushTarget(const std::string& mountPoint) {
 // One flush of the volume, unless a detach is under way (it holds the lock).
 // Returns whether fuse2fs was asked to flush.
 bool flushVolume(const Attachment& a) {
-    const int lock = ::open(flushLockOf(a.dir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int lock = openFlushLock(a.dir);
     if (lock < 0) return false;
     bool flushed = false;
     if (::flock(lock, LOCK_EX | LOCK_NB) == 0) {
@@ -75,6 +79,14 @@ bool flushVolume(const Attachment& a) {
 }
 
 } // namespace
+
+FlushPause::FlushPause(const std::string& attachmentDir) : fd_(openFlushLock(attachmentDir)) {
+    if (fd_ >= 0) ::flock(fd_, LOCK_EX);
+}
+
+FlushPause::~FlushPause() {
+    if (fd_ >= 0) ::close(fd_);
+}
 
 VolumeFlusher::VolumeFlusher(std::string attachmentDir) : dir_(std::move(attachmentDir)) {
     thread_ = std::thread([this] { run(); });

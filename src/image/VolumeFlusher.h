@@ -17,9 +17,19 @@ namespace qv::image {
 // How long changes may wait in fuse2fs's memory.
 inline constexpr int kFlushIntervalSeconds = 5;
 
-// The lock a detach holds while it unmounts, so that the flusher's short-lived
-// open file never makes the volume look busy.
-inline std::string flushLockOf(const std::string& attachmentDir) { return attachmentDir + "/flush.lock"; }
+// Held by a detach while it unmounts: a flush of the volume under way ends
+// first, and none starts meanwhile (the flusher's short-lived open file would
+// make the volume look busy). A lock file in the attachment's directory.
+class FlushPause {
+public:
+    explicit FlushPause(const std::string& attachmentDir);
+    ~FlushPause();
+    FlushPause(const FlushPause&) = delete;
+    FlushPause& operator=(const FlushPause&) = delete;
+
+private:
+    int fd_;
+};
 
 class VolumeFlusher {
 public:

@@ -133,29 +133,30 @@ void BaseFolderTask::startIndeterminateProgress(const QVRecordRef& folderFace, c
         true);
 }
 
-void BaseFolderTask::endProgress(const QVRecordRef& folderFace) {
+namespace {
+
+// The bar stopped and the size line shown; with `release`, the cancel control
+// taken away and a cancel request forgotten as well. Main thread, not waited for.
+void stopBar(const QVRecordRef& folderFace, bool release) {
     performBlockOnMainThread(
-        [folderFace] {
+        [folderFace, release] {
             FolderFaceRef face{folderFace};
             face.setProgressIndeterminate(Value(false));
             face.setProgressAnimate(Value(false));
-            face.setCancelable(Value(false));
-            face.setOpCanceled(Value());
+            if (release) {
+                face.setCancelable(Value(false));
+                face.setOpCanceled(Value());
+            }
             FolderList::singleton().displayFolderSizeInfo(folderFace);
         },
         false);
 }
 
-void BaseFolderTask::showSizeInfo(const QVRecordRef& folderFace) {
-    performBlockOnMainThread(
-        [folderFace] {
-            FolderFaceRef face{folderFace};
-            face.setProgressIndeterminate(Value(false));
-            face.setProgressAnimate(Value(false));
-            FolderList::singleton().displayFolderSizeInfo(folderFace);
-        },
-        false);
-}
+} // namespace
+
+void BaseFolderTask::endProgress(const QVRecordRef& folderFace) { stopBar(folderFace, true); }
+
+void BaseFolderTask::showSizeInfo(const QVRecordRef& folderFace) { stopBar(folderFace, false); }
 
 QVError BaseFolderTask::fail(const QVRecordRef& folderFace, const std::string& message) {
     QVError error{QVAppErrorDomain(), QVErrorFailed, message};

@@ -89,7 +89,7 @@ void EncryptFolderTask::removeTempFolder(const std::string& path) {
 
 std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderFace) {
     const QVRecordRef folder = FolderFaceRef{folderFace}.folder().as<QVRecord>();
-    const std::string url = QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string url = QVFolderMountpointPath(folder);
     const std::string name = QVLastPathComponent(url);
 
     const std::string destination = QVTrimmedPath(QVDiskImageDestinationPath());
@@ -97,11 +97,11 @@ std::string EncryptFolderTask::diskDefaultDestination(const QVRecordRef& folderF
         struct stat st;
         const bool exists = ::stat(destination.c_str(), &st) == 0;
         const bool isDir = exists && S_ISDIR(st.st_mode);
-        if (isDir && exists) return (destination == "/" ? "" : destination) + "/" + name;
+        if (isDir && exists) return QVPathByAppendingComponent(destination, name);
         QV_LOG_FAILED("!isDir || !exists");
     }
     const std::string grandparent = QVParentPath(QVParentPath(url));
-    return (grandparent == "/" ? "" : grandparent) + "/" + name;
+    return QVPathByAppendingComponent(grandparent, name);
 }
 
 OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {

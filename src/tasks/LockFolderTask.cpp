@@ -45,7 +45,7 @@ void noteLockFailure(const QVRecordRef& folderFace) {
 OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
     FolderFaceRef face{folderFace};
     const QVRecordRef folder = face.folder().as<QVRecord>();
-    const std::string mountpoint = QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
+    const std::string mountpoint = QVFolderMountpointPath(folder);
     auto& centre = QVNotificationCenter::defaultCenter();
 
     // 1. A failure stands, but the lock actions still run.

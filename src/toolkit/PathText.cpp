@@ -14,6 +14,10 @@ std::string QVParentPath(const std::string& path) {
     return slash == 0 ? "/" : p.substr(0, slash);
 }
 
+std::string QVPathByAppendingComponent(const std::string& dir, const std::string& name) {
+    return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
 std::string QVLastPathComponent(const std::string& path) {
     const std::string p = QVTrimmedPath(path);
     const size_t slash = p.rfind('/');

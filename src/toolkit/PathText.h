@@ -12,6 +12,9 @@ std::string QVTrimmedPath(std::string path);
 // "/a", "/a" gives "/", a bare name gives ".".
 std::string QVParentPath(const std::string& path);
 
+// `name` inside the folder `dir`: "/a" and "b" give "/a/b", "/" and "b" give "/b".
+std::string QVPathByAppendingComponent(const std::string& dir, const std::string& name);
+
 // The last component of the path, trailing slashes ignored ("/a/b/" gives "b");
 // the whole text when it holds no slash; "" for "/".
 std::string QVLastPathComponent(const std::string& path);

@@ -3,6 +3,7 @@
 #include <QUuid>
 #include <cmath>
 
+#include "toolkit/PathText.h"
 #include "vault/KeyedArchive.h"
 
 namespace qv {
@@ -52,6 +53,10 @@ QVRecordRef QVFolderCreate(const QVRecordRef& storage, const URLValue& mountpoin
     folder.setLockActions(Value::newArray());
     folder.setUnlockActions(Value::newArray());
     return folder.record;
+}
+
+std::string QVFolderMountpointPath(const QVRecordRef& folder) {
+    return QVTrimmedPath(FolderRef{folder}.mountpoint().toURLPath());
 }
 
 QVRecordRef QVStorageCreate(const std::string& name, const URLValue& url) {

@@ -149,6 +149,9 @@ std::string QVNewUUIDString();
 // `encrypted` false, `autolock` 0, and two new empty action lists.
 QVRecordRef QVFolderCreate(const QVRecordRef& storage, const URLValue& mountpoint);
 
+// A Folder's `mountpoint` as a path without trailing slashes; "" without one.
+std::string QVFolderMountpointPath(const QVRecordRef& folder);
+
 // A new FolderFace of the folder with the default status colour. Its `locked` holds
 // QVFolderIsUnlocked's answer as it stands, not its negation: the folder list sets
 // `locked` right for the faces it shows, and faces made for other uses never read it.

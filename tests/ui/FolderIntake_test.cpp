@@ -117,8 +117,9 @@ TEST_F(FolderIntakeTest, OurDataTheProgramTheLibraryAndTheHomeDirectory) {
     EXPECT_EQ(folderVerdict(program),
               Verdict(QVErrorRefused, "This folder contains Quillvane. Encrypting it would prevent Quillvane from working."));
     EXPECT_EQ(destinationVerdict(program, "/elsewhere"), Verdict(QVErrorRefused, "This folder contains Quillvane."));
-    if (isVolumeAtURL("/dev/shm", nullptr) && ::access("/dev/shm", R_OK | W_OK | X_OK) == 0)
+    if (isVolumeAtURL("/dev/shm", nullptr) && ::access("/dev/shm", R_OK | W_OK | X_OK) == 0) {
         EXPECT_EQ(folderVerdict("/dev/shm").first, QVIntakeIsVolume);
+    }
 
     // An image is taken as it is, even inside our data; without its header it is just a folder there.
     const std::string bundle = dir(".local/share/com.marrowfen.Quillvane3/Data/A.sparsebundle");

@@ -27,7 +27,6 @@ namespace qv {
 
 namespace {
 
-
 constexpr const char* kLibraryQuestionTitle = "Encrypting folder in ~/Library - Are you sure?";
 constexpr const char* kLibraryQuestionText =
     "Only encrypt folders in the Library folder if you know what you're doing. If you're encrypting application "
