@@ -95,7 +95,7 @@ std::optional<ImageInfo> parseInfoPlist(const Bytes& bytes, std::string* why) {
     if (version.toInt() != kFormatVersion)
         return fail(QVFormat("format version %lld, this program reads %lld", static_cast<long long>(version.toInt()),
                              static_cast<long long>(kFormatVersion)));
-    if (size.kind() != Value::Kind::Int || size.toInt() <= 0 || uint64_t(size.toInt()) > kMaxImageSize ||
+    if (size.kind() != Value::Kind::Int || size.toInt() <= 0 || uint64_t(size.toInt()) > kMaxDeclaredSize ||
         uint64_t(size.toInt()) % kSectorSize != 0)
         return fail("bad size");
     if (bandSize.kind() != Value::Kind::Int || uint64_t(bandSize.toInt()) != kBandSize) return fail("bad band size");

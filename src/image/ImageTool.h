@@ -52,7 +52,11 @@ inline constexpr uint64_t kSectorSize = 4096;
 inline constexpr uint64_t kBandSize = 8ull << 20;
 inline constexpr uint64_t kSectorsPerBand = kBandSize / kSectorSize;
 inline constexpr uint64_t kMinImageSize = 16ull << 20;
-inline constexpr uint64_t kMaxImageSize = 16ull << 40;
+// The disk's ext4 numbers its blocks in 32 bits (see CreateVerb), so a new or
+// resized image stops one block short of 16 TiB. A bundle may still declare
+// 16 TiB: images made before that choice went up to it.
+inline constexpr uint64_t kMaxImageSize = ((1ull << 32) - 1) * kSectorSize;
+inline constexpr uint64_t kMaxDeclaredSize = 16ull << 40;
 inline constexpr int64_t kFormatVersion = 1;
 
 enum class Encryption { AES128, AES256 };

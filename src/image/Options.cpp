@@ -67,7 +67,8 @@ bool parseImageSize(const std::string& word, uint64_t* bytes, QVError* error) {
     if (rounded < kMinImageSize || rounded > kMaxImageSize)
         return fail(error, ExitUsage,
                     "size '" + word + "' out of range: an image holds between " + humanSize(kMinImageSize) +
-                        " and " + humanSize(kMaxImageSize));
+                        " and " + humanSize(kMaxImageSize) +
+                        QVFormat(" (%llu bytes)", static_cast<unsigned long long>(kMaxImageSize)));
     *bytes = rounded;
     return true;
 }
