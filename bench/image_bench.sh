@@ -11,7 +11,7 @@
 #
 #   bench/image_bench.sh [path/to/qv-image]
 # Environment: QV_IMAGE (the program), QV_BENCH_MIB (default 1024),
-# QV_BENCH_FILES (default 10000), QV_BENCH_DIR (where to work, default /var/tmp),
+# QV_BENCH_FILES (default 10000), QV_BENCH_ROUNDS (default 3), QV_BENCH_DIR (where to work, default /var/tmp),
 # QV_IMAGE_LAYER (passed on to qv-image: fuse2fs or kernel), QV_BENCH_STACKS (which
 # stacks to time, default "a b c d e"; all are set up).
 set -euo pipefail
@@ -65,7 +65,7 @@ cleanup() {
   for dir in /proc/[0-9]*; do
     pid="${dir#/proc/}"
     [ "$pid" = "$$" ] && continue
-    if tr '\0' ' ' < "$dir/cmdline" 2>/dev/null | grep -qF "$WORK"; then kill -9 "$pid" 2>/dev/null; fi
+    if tr '\0' ' ' 2>/dev/null < "$dir/cmdline" | grep -qF "$WORK"; then kill -9 "$pid" 2>/dev/null; fi
   done
   for m in $(findmnt -rn -o TARGET | grep -F "$WORK" | sort -r); do
     fusermount3 -uz "$m" 2>/dev/null || $SUDO umount -l "$m"
@@ -158,21 +158,34 @@ os.close(fd)
 EOF
 }
 
-# The results are read through namerefs in row().
-declare -A W=() R=() F=()
-for s in a b c d e; do W[$s]=0; R[$s]=0; F[$s]=0; done
-for s in ${QV_BENCH_STACKS:-a b c d e}; do
-  m="$(mnt_of "$s")"
-  echo "  running on ($s) $m"
-  sync
-  t0=$(now); dd if="$SRC" of="$m/big" bs=1M conv=fsync status=none; t1=$(now)
-  W[$s]=$(rate "$MIB" "$t0" "$t1")
-  drop_caches "$s"
-  t0=$(now); dd if="$m/big" of=/dev/null bs=1M status=none; t1=$(now)
-  R[$s]=$(rate "$MIB" "$t0" "$t1")
-  rm -f "$m/big"
-  t0=$(now); small_files "$m/small"; t1=$(now)
-  F[$s]=$(rate "$FILES" "$t0" "$t1")
+# Every stack runs once per round, the rounds one after the other, and each
+# figure is the median over the rounds: the state the machine is left in by
+# whatever ran just before (how much of the recent write-back went to which
+# disk, which decides how far the kernel lets each one run ahead) weighs on
+# one round, not on the result.
+ROUNDS="${QV_BENCH_ROUNDS:-3}"
+# The per-round figures, space-separated; the medians are read through namerefs in row().
+declare -A WS=() RS=() FS=() W=() R=() F=()
+for round in $(seq "$ROUNDS"); do
+  for s in ${QV_BENCH_STACKS:-a b c d e}; do
+    m="$(mnt_of "$s")"
+    echo "  round $round/$ROUNDS on ($s) $m"
+    sync
+    t0=$(now); dd if="$SRC" of="$m/big" bs=1M conv=fsync status=none; t1=$(now)
+    WS[$s]+=" $(rate "$MIB" "$t0" "$t1")"
+    drop_caches "$s"
+    t0=$(now); dd if="$m/big" of=/dev/null bs=1M status=none; t1=$(now)
+    RS[$s]+=" $(rate "$MIB" "$t0" "$t1")"
+    rm -f "$m/big"
+    rm -rf "$m/small"
+    sync
+    t0=$(now); small_files "$m/small"; t1=$(now)
+    FS[$s]+=" $(rate "$FILES" "$t0" "$t1")"
+  done
+done
+median() { tr ' ' '\n' <<<"$1" | awk 'NF' | sort -g | awk '{ v[NR] = $1 } END { if (NR == 0) print 0; else if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+for s in a b c d e; do
+  W[$s]=$(median "${WS[$s]:-}"); R[$s]=$(median "${RS[$s]:-}"); F[$s]=$(median "${FS[$s]:-}")
 done
 
 # ------------------------------------------------------------------ report
@@ -180,7 +193,7 @@ ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b <= 0) print "n/a"; else printf 
 met() { awk -v r="$1" -v t="$2" -v strict="$3" 'BEGIN { if (r == "n/a") print "n/a"; else if (strict ? r > t : r >= t) print "met"; else print "NOT met" }'; }
 
 echo
-echo "qv-image ($(basename "$QV_IMAGE"), layer ${QV_IMAGE_LAYER:-default}) against fuse2fs on plain ext4, gocryptfs, CryFS and the plain disk"
+echo "qv-image ($(basename "$QV_IMAGE"), layer ${QV_IMAGE_LAYER:-default}) against fuse2fs on plain ext4, gocryptfs, CryFS and the plain disk; medians of $ROUNDS rounds"
 printf '%-22s %10s %10s %10s %10s %10s %7s %7s  %-14s %-10s\n' \
   test "(a)qv-img" "(b)fuse2fs" "(c)gocrypt" "(d)cryfs" "(e)plain" "a/b" "a/d" "a >= 0.8 b" "a > d"
 row() {

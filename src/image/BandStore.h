@@ -48,23 +48,34 @@ private:
     uint64_t id_;  // tells apart the ciphers that a thread has contexts for
 };
 
+// The virtual disk as its readers and writers see it. Thread-safe; every
+// method returns 0 or an errno value.
+class DiskStore {
+public:
+    virtual ~DiskStore() = default;
+    virtual uint64_t size() const = 0;
+    // [offset, offset + length) must lie within the disk.
+    virtual int read(uint64_t offset, size_t length, uint8_t* out) = 0;
+    virtual int write(uint64_t offset, size_t length, const uint8_t* in) = 0;
+    // Makes a range read as zeros.
+    virtual int discard(uint64_t offset, uint64_t length) = 0;
+};
+
 // Reads and writes of the virtual disk against the band files of one image.
-// Thread-safe. Every method returns 0 or an errno value.
-class BandStore {
+class BandStore final : public DiskStore {
 public:
     BandStore(int bandsDirFd, uint64_t size, Encryption encryption, const uint8_t* key);
-    ~BandStore();
+    ~BandStore() override;
     BandStore(const BandStore&) = delete;
     BandStore& operator=(const BandStore&) = delete;
 
-    uint64_t size() const { return size_; }
+    uint64_t size() const override { return size_; }
 
-    // [offset, offset + length) must lie within the disk.
-    int read(uint64_t offset, size_t length, uint8_t* out);
-    int write(uint64_t offset, size_t length, const uint8_t* in);
-    // Makes a range read as zeros: whole sectors become holes, a band left
-    // without data is deleted, partial sectors are rewritten.
-    int discard(uint64_t offset, uint64_t length);
+    int read(uint64_t offset, size_t length, uint8_t* out) override;
+    int write(uint64_t offset, size_t length, const uint8_t* in) override;
+    // Whole sectors become holes, a band left without data is deleted,
+    // partial sectors are rewritten.
+    int discard(uint64_t offset, uint64_t length) override;
     // Makes everything written so far durable: the band files written, and the
     // bands directory when a band was created or deleted.
     int sync();

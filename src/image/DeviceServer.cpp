@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "image/BandStore.h"
+#include "image/ReadAhead.h"
 #include "image/Helpers.h"
 #include "image/VolumeFlusher.h"
 #include "toolkit/Log.h"
@@ -48,6 +49,7 @@ constexpr unsigned kWorkerThreads = 12;
 // Everything the request handlers share; one per device process.
 struct Server {
     std::unique_ptr<BandStore> store;
+    std::unique_ptr<ReadAhead> disk;  // reads, writes and discards go through it
     std::string deviceDir;
     fuse_session* session = nullptr;
     uid_t uid = 0;
@@ -208,12 +210,13 @@ void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_in
         buffer = std::make_unique_for_overwrite<uint8_t[]>(n);
         capacity = n;
     }
-    if (int err = s.store->read(uint64_t(off), n, buffer.get())) {
+    if (int err = s.disk->read(uint64_t(off), n, buffer.get())) {
         QV_LOG_ERROR(QVFormat("read of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
         fuse_reply_err(req, err);
         return;
     }
     fuse_reply_buf(req, reinterpret_cast<const char*>(buffer.get()), n);
+    s.disk->readAheadOf(uint64_t(off), n);
 }
 
 void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off, fuse_file_info*) {
@@ -228,7 +231,7 @@ void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
         return;
     }
     const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
-    if (int err = s.store->write(uint64_t(off), n, reinterpret_cast<const uint8_t*>(buf))) {
+    if (int err = s.disk->write(uint64_t(off), n, reinterpret_cast<const uint8_t*>(buf))) {
         QV_LOG_ERROR(QVFormat("write of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
         fuse_reply_err(req, err);
         return;
@@ -266,7 +269,7 @@ void opFallocate(fuse_req_t req, fuse_ino_t ino, int mode, off_t offset, off_t l
         return;
     }
     const uint64_t n = std::min<uint64_t>(uint64_t(length), total - uint64_t(offset));
-    int err = s.store->discard(uint64_t(offset), n);
+    int err = s.disk->discard(uint64_t(offset), n);
     if (err) QV_LOG_ERROR(QVFormat("discard failed: %s", std::strerror(err)));
     fuse_reply_err(req, err);
 }
@@ -433,6 +436,7 @@ void report(int pipeFd, const std::string& message) {
     s.wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     s.store = std::make_unique<BandStore>(image.bandsFd(), options.size ? options.size : image.info().size,
                                           image.info().encryption, key.data());
+    s.disk = std::make_unique<ReadAhead>(*s.store);
     key.clear();
     if (signalFd < 0 || s.wakeFd < 0) {
         report(pipeFd, "Ecannot set up the device process");
@@ -488,6 +492,7 @@ void report(int pipeFd, const std::string& message) {
     }
     fuse_session_unmount(s.session);
     fuse_session_destroy(s.session);
+    s.disk.reset();
     s.store.reset();
     removeAttachmentDir(options.attachmentDir);
     ::_exit(status);
