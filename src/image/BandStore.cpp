@@ -299,12 +299,20 @@ int BandStore::readInBand(uint64_t band, uint64_t offset, size_t length, uint8_t
     uint8_t* buf = scratch().storedBytes.get();
     if ((err = readFully(file->fd, buf, span, first * kSectorSize))) return err;
     const uint64_t base = band * kSectorsPerBand + first;
+    // Whole sectors (what the kernel asks for) are decrypted straight into
+    // the caller's buffer; a part of a sector goes through the scratch space.
+    const bool whole = offset % kSectorSize == 0 && length % kSectorSize == 0;
+    uint8_t* to = whole ? out : buf;
     for (uint64_t s = 0; s < last - first; ++s) {
-        uint8_t* sector = buf + s * kSectorSize;
-        if (isAllZero(sector, kSectorSize)) continue;
-        if (!cipher_.decrypt(base + s, sector, sector, kSectorSize)) return EIO;
+        const uint8_t* sector = buf + s * kSectorSize;
+        uint8_t* plain = to + s * kSectorSize;
+        if (isAllZero(sector, kSectorSize)) {
+            if (plain != sector) std::memset(plain, 0, kSectorSize);
+        } else if (!cipher_.decrypt(base + s, sector, plain, kSectorSize)) {
+            return EIO;
+        }
     }
-    std::memcpy(out, buf + (offset - first * kSectorSize), length);
+    if (!whole) std::memcpy(out, buf + (offset - first * kSectorSize), length);
     return 0;
 }
 

@@ -116,6 +116,9 @@ TEST_F(ReadAheadTest, ASequentialReaderSeesWritesAndDiscardsMadeAheadOfIt) {
     hooked_->hook = [&] { fill(hooked_->hookAt + 4096, 8192, 55); };
     for (int i = 0; i < 16; ++i, at += ReadAhead::kPiece) expectRead(at, ReadAhead::kPiece);
     EXPECT_FALSE(hooked_->hook) << "the piece was never read ahead";
+    // Parts of sectors, off any piece read ahead.
+    expectRead(3ull << 20 | 4093, 5);
+    expectRead((5ull << 20) + 100, 10000);
     // Up to the end of the disk.
     expectRead(kDisk - 3 * step, step);
     expectRead(kDisk - 2 * step, step);
