@@ -28,7 +28,6 @@ std::string withoutExtension(const std::string& name) {
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
-
 // The folders whose action lists are running on this thread, outermost first:
 // a chain of Unlock and Lock Folder actions runs on one thread, depth first.
 thread_local std::vector<std::string> tFoldersRunningActions;

@@ -14,7 +14,6 @@ namespace qv {
 
 namespace {
 
-
 bool listAimsAt(const ArrayRef& actions, const std::string& path) {
     if (!actions || path.empty()) return false;
     for (const Value& item : *actions)

@@ -29,8 +29,8 @@
 #include <vector>
 
 #include "image/BandStore.h"
-#include "image/ReadAhead.h"
 #include "image/Helpers.h"
+#include "image/ReadAhead.h"
 #include "image/VolumeFlusher.h"
 #include "toolkit/Log.h"
 

@@ -96,6 +96,10 @@ ReadAhead::Pieces::iterator ReadAhead::forget(Pieces::iterator it) {
     return pieces_.erase(it);
 }
 
+size_t ReadAhead::pieceLength(uint64_t index) const {
+    return size_t(std::min(kPiece, store_.size() - index * kPiece));
+}
+
 bool ReadAhead::makeRoom() {
     if (pieces_.size() < kMaxPieces) return true;
     auto oldest = pieces_.end();
@@ -108,7 +112,6 @@ bool ReadAhead::makeRoom() {
 
 void ReadAhead::readAheadOf(uint64_t offset, size_t length) {
     const uint64_t end = offset + length;
-    const uint64_t size = store_.size();
     std::vector<uint64_t> wanted;
     std::vector<std::unique_ptr<uint8_t[]>> buffers;  // one for each wanted piece
     uint64_t generation = 0;
@@ -123,7 +126,7 @@ void ReadAhead::readAheadOf(uint64_t offset, size_t length) {
         }
         *stream = end;
         if (changing_) return;
-        const uint64_t limit = std::min(end + kAhead, size);
+        const uint64_t limit = std::min(end + kAhead, store_.size());
         // Requests are answered in any order: a read further on may have been
         // answered already, and what it got the kernel holds.
         uint64_t from = end;
@@ -133,7 +136,7 @@ void ReadAhead::readAheadOf(uint64_t offset, size_t length) {
             if (pieces_.count(index)) continue;
             if (!makeRoom()) break;
             Piece& piece = pieces_[index];
-            piece.length = size_t(std::min(kPiece, size - index * kPiece));
+            piece.length = pieceLength(index);
             piece.used = ++clock_;
             wanted.push_back(index);
             if (spare_.empty()) {
@@ -148,24 +151,23 @@ void ReadAhead::readAheadOf(uint64_t offset, size_t length) {
     }
     for (size_t i = 0; i < wanted.size(); ++i) {
         const uint64_t index = wanted[i];
-        const size_t pieceLength = size_t(std::min(kPiece, size - index * kPiece));
-        const int err = store_.read(index * kPiece, pieceLength, buffers[i].get());
+        const int err = store_.read(index * kPiece, pieceLength(index), buffers[i].get());
         std::lock_guard<std::mutex> lock(mutex_);
         if (err || generation_ != generation) {
             // The disk changed meanwhile (or can't be read): this piece and
             // the ones not read yet are given up; readers go to the store.
             for (size_t j = i; j < wanted.size(); ++j) {
-                pieces_.erase(wanted[j]);
-                if (spare_.size() < kMaxPieces) spare_.push_back(std::move(buffers[j]));
+                auto it = pieces_.find(wanted[j]);
+                it->second.data = std::move(buffers[j]);
+                forget(it);
             }
             pieceDone_.notify_all();
             return;
         }
-        auto it = pieces_.find(index);
-        if (it != pieces_.end()) {
-            it->second.data = std::move(buffers[i]);
-            it->second.ready = true;
-        }
+        // Nobody else drops a piece still being read: it is still there.
+        Piece& piece = pieces_.find(index)->second;
+        piece.data = std::move(buffers[i]);
+        piece.ready = true;
         pieceDone_.notify_all();
     }
 }

@@ -62,13 +62,15 @@ private:
     // Drops the piece read least recently when the table is full. False when
     // every piece is still being read.
     bool makeRoom();
+    // The piece's length: kPiece, less for the last one of the disk.
+    size_t pieceLength(uint64_t index) const;
 
     DiskStore& store_;
     std::mutex mutex_;
     std::condition_variable pieceDone_;
     Pieces pieces_;                                  // by the piece's index (offset / kPiece)
     std::vector<std::unique_ptr<uint8_t[]>> spare_;  // buffers of kPiece bytes
-    uint64_t streams_[kStreams] = {};                // where the recent sequential reads end
+    uint64_t streams_[kStreams];                     // where the recent sequential reads end
     size_t nextStream_ = 0;
     uint64_t generation_ = 0;  // moves at the start and end of every change
     unsigned changing_ = 0;    // changes under way
