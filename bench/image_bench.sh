@@ -194,6 +194,9 @@ met() { awk -v r="$1" -v t="$2" -v strict="$3" 'BEGIN { if (r == "n/a") print "n
 
 echo
 echo "qv-image ($(basename "$QV_IMAGE"), layer ${QV_IMAGE_LAYER:-default}) against fuse2fs on plain ext4, gocryptfs, CryFS and the plain disk; medians of $ROUNDS rounds"
+# Every stack is a chain of processes; with few cores they compete for them,
+# so the ratios depend on the machine.
+echo "on $(nproc) CPUs, kernel $(uname -r)"
 printf '%-22s %10s %10s %10s %10s %10s %7s %7s  %-14s %-10s\n' \
   test "(a)qv-img" "(b)fuse2fs" "(c)gocrypt" "(d)cryfs" "(e)plain" "a/b" "a/d" "a >= 0.8 b" "a > d"
 row() {
