@@ -181,9 +181,18 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     // check runs whatever -noautofsck says.
     if (!checkFileSystem(a.devEntry, false, error)) return undo();
     const bool nobrowse = args.has("-nobrowse");
-    const bool mounted = ctx.layer == Layer::Kernel ? mountWithKernel(&a, nobrowse, error)
-                                                    : mountWithFuse2fs(&a, nobrowse, error);
-    if (!mounted) return undo();
+    auto mount = [&] {
+        return ctx.layer == Layer::Kernel ? mountWithKernel(&a, nobrowse, error) : mountWithFuse2fs(&a, nobrowse, error);
+    };
+    if (!mount()) {
+        // A superblock can say clean over tables that never reached the disk
+        // (a writer that was refused blocks and still unmounted cleanly):
+        // once the mount refuses them, a full check repairs them.
+        QV_LOG_WARN("mounting " + a.image + " failed (" + (error ? error->description : std::string()) +
+                    "); checking its file system in full");
+        unmountAfterFailure(a);
+        if (!checkFileSystem(a.devEntry, true, error) || !mount()) return undo();
+    }
     if (!writeAttachment(a, error)) return undo();
     // The device process now ends by itself once the file system lets go of the disk.
     requestDeviceStop(a.devicePid);

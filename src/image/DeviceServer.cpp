@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "image/BandStore.h"
+#include "image/FileSystemMark.h"
 #include "image/Helpers.h"
 #include "image/ReadAhead.h"
 #include "image/VolumeFlusher.h"
@@ -56,6 +57,9 @@ struct Server {
     gid_t gid = 0;
     int bandsFd = -1;
     int wakeFd = -1;  // eventfd: the control thread looks again at the open count
+    // A write, discard or sync was refused: what the file system believes is
+    // on the disk may not be.
+    std::atomic<bool> changeFailed {false};
 
     std::mutex mutex;  // guards the three below
     uint64_t openCount = 0;
@@ -233,6 +237,7 @@ void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
     const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
     if (int err = s.disk->write(uint64_t(off), n, reinterpret_cast<const uint8_t*>(buf))) {
         QV_LOG_ERROR(QVFormat("write of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
+        s.changeFailed = true;
         fuse_reply_err(req, err);
         return;
     }
@@ -242,7 +247,10 @@ void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
 void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
     Server& s = server(req);
     int err = s.store->sync();
-    if (err) QV_LOG_ERROR(QVFormat("sync failed: %s", std::strerror(err)));
+    if (err) {
+        QV_LOG_ERROR(QVFormat("sync failed: %s", std::strerror(err)));
+        s.changeFailed = true;
+    }
     fuse_reply_err(req, err);
 }
 
@@ -270,7 +278,10 @@ void opFallocate(fuse_req_t req, fuse_ino_t ino, int mode, off_t offset, off_t l
     }
     const uint64_t n = std::min<uint64_t>(uint64_t(length), total - uint64_t(offset));
     int err = s.disk->discard(uint64_t(offset), n);
-    if (err) QV_LOG_ERROR(QVFormat("discard failed: %s", std::strerror(err)));
+    if (err) {
+        QV_LOG_ERROR(QVFormat("discard failed: %s", std::strerror(err)));
+        s.changeFailed = true;
+    }
     fuse_reply_err(req, err);
 }
 
@@ -368,6 +379,14 @@ void controlLoop(Server& s, int signalFd) {
             if (s.shuttingDown) return;
             if (!s.stopWhenUnused || s.openCount != 0) continue;
             s.shuttingDown = true;
+        }
+        // The file system has let go of the disk and wrote its last superblock:
+        // after a refused change, the next attach must check it before mounting.
+        if (s.changeFailed) {
+            if (int err = markFileSystemForCheck(*s.disk))
+                QV_LOG_ERROR(QVFormat("cannot mark the file system for a check: %s", std::strerror(err)));
+            else
+                QV_LOG_WARN("a change of the disk failed: the file system is marked for a check");
         }
         if (int err = s.store->sync()) QV_LOG_ERROR(QVFormat("sync before stopping failed: %s", std::strerror(err)));
         fuse_session_exit(s.session);

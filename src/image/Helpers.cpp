@@ -372,6 +372,7 @@ void removeAttachmentDir(const std::string& dir) {
     if (mountAt(dev)) lazyUnmount(dev, true);
     ::unlink((dir + "/attachment.plist").c_str());
     ::unlink(lockFileOf(dir).c_str());
+    ::unlink(flushLockOf(dir).c_str());
     ::rmdir(dev.c_str());
     ::rmdir(dir.c_str());
 }

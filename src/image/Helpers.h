@@ -98,6 +98,8 @@ std::vector<std::string> attachmentDirs(const std::string& base);
 inline std::string deviceDirOf(const std::string& attachmentDir) { return attachmentDir + "/dev"; }
 inline std::string devEntryOf(const std::string& attachmentDir) { return attachmentDir + "/dev/disk"; }
 inline std::string lockFileOf(const std::string& attachmentDir) { return attachmentDir + "/lock"; }
+// Held by a detach so that the device process does not flush the volume meanwhile.
+inline std::string flushLockOf(const std::string& attachmentDir) { return attachmentDir + "/flush.lock"; }
 
 // Removes an attachment directory whose device process is gone: unmounts a
 // dead device mount lazily, then deletes the files and the directory.

@@ -23,16 +23,17 @@
 
 namespace qv::image {
 
-class ReadAhead {
+class ReadAhead final : public DiskStore {
 public:
     explicit ReadAhead(DiskStore& store);
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
     // Like the store's: 0 or an errno value, [offset, offset + length) within the disk.
-    int read(uint64_t offset, size_t length, uint8_t* out);
-    int write(uint64_t offset, size_t length, const uint8_t* in);
-    int discard(uint64_t offset, uint64_t length);
+    uint64_t size() const override { return store_.size(); }
+    int read(uint64_t offset, size_t length, uint8_t* out) override;
+    int write(uint64_t offset, size_t length, const uint8_t* in) override;
+    int discard(uint64_t offset, uint64_t length) override;
     // Called once the read of [offset, offset + length) was answered: when it
     // continues an earlier read, reads ahead of it in the calling thread.
     void readAheadOf(uint64_t offset, size_t length);

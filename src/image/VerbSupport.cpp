@@ -111,6 +111,10 @@ bool checkFileSystem(const std::string& disk, bool force, QVError* error) {
         r = runProgram(kE2fsck, {"-f", "-y", disk});
         if (fixed(r)) return true;
     }
+    // The repair writes; with the disk holding the image full it can't, and
+    // the caller is told what to do about it (the output is in the C locale).
+    if ((r.out + r.err).find(std::strerror(ENOSPC)) != std::string::npos)
+        return fail(error, ExitNoSpace, "not enough space on the disk holding the image to repair its file system");
     return fail(error, ExitFailure, "the file system check failed: " + r.summary());
 }
 

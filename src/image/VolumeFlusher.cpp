@@ -18,7 +18,7 @@ namespace qv::image {
 namespace {
 
 int openFlushLock(const std::string& attachmentDir) {
-    return ::open((attachmentDir + "/flush.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    return ::open(flushLockOf(attachmentDir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 }
 
 // CPU time fuse2fs has used so far, in clock ticks: it moves when, and only when,

@@ -54,6 +54,8 @@ TEST_P(ImageLayerTest, WhatIsWrittenReachesTheDiskButNoBandHoldsIt) {
     EXPECT_TRUE(listDirectory(mnt).empty()) << "the folder must be empty once detached";
     for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(processesUsing(box.root()).empty()) << "a process still serves the image after detach";
+    // Nor does anything of the attachment stay behind in the runtime directory.
+    EXPECT_EQ(listDirectory(box.runtimeDir() + "/qv-image"), std::vector<std::string>{});
 
     // The marker reached the decrypted disk, but no file of the image holds a piece of it.
     std::string dev;

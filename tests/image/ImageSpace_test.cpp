@@ -1,20 +1,29 @@
 // Space: sparse bands that grow with the data, compact giving free blocks
 // back, resize changing the disk and its file system together; both leave the
 // files of others in the bundle alone.
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <ext2fs/ext2_fs.h>
+#include <ext2fs/ext2fs.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <regex>
+#include <thread>
 
 #include "image/ImageTestSupport.h"
 
 namespace fs = std::filesystem;
 using namespace qv::test;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -141,6 +150,65 @@ TEST_F(ImageSpaceTest, ResizeGrowsAndShrinksDiskAndFileSystemKeepingFiles) {
     EXPECT_EQ(r.exitCode, 1) << r.describe();
     EXPECT_EQ(diffSnapshots(snap, snapshotTree(image)), "");
     expectFiles("after a refused shrink");
+    EXPECT_EQ(box.detach(mnt).exitCode, 0);
+}
+
+// Writes an incompressible `size` bytes and fsyncs them: 0, or the first errno
+// that write or fsync gave.
+int writeAndFsync(const std::string& path, size_t size) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return errno;
+    const std::string chunk = patternBytes(777, MiB);
+    int err = 0;
+    for (size_t done = 0; done < size && !err; done += chunk.size())
+        if (::write(fd, chunk.data(), chunk.size()) != ssize_t(chunk.size())) err = errno ? errno : EIO;
+    if (!err && ::fsync(fd) != 0) err = errno;
+    ::close(fd);
+    return err;
+}
+
+// The disk holding the image fills up under a write: the writer is told, a new
+// image is refused with its own status, the file system (which the refused
+// blocks left inconsistent under a clean superblock) is marked for a check,
+// and once there is room again the image mounts with what was synced before.
+TEST_F(ImageSpaceTest, AFullHostDiskFailsTheWriteAndKeepsWhatWasSynced) {
+    const std::string host = box.makeDir("host");
+    ASSERT_EQ(::mount("qv-test", host.c_str(), "tmpfs", 0, "size=48m"), 0) << std::strerror(errno);
+    const std::string image = box.path("host/full.sparsebundle");
+    ASSERT_EQ(box.create(image, kPassword, 1024).exitCode, 0);
+    ASSERT_EQ(box.attach(image, mnt, kPassword).exitCode, 0);
+    const std::string keep = patternBytes(500, 4 * MiB);
+    writeFileSynced(mnt + "/keep", keep);
+
+    const int err = writeAndFsync(mnt + "/too-big", 96 * MiB);
+    EXPECT_NE(err, 0) << "96 MiB written and synced onto a disk with less than 48 MiB";
+    CommandResult r = box.qvImage({"create", "-encryption", "AES-256", "-stdinpass", "-size", "64m", "-type",
+                                   "SPARSEBUNDLE", "-volname", "More", "-fs", "HFS+J", "-ov",
+                                   box.path("host/more.sparsebundle")},
+                                  kPassword);
+    EXPECT_TRUE(r.exited && r.exitCode == 7) << r.describe();
+    EXPECT_FALSE(fs::exists(box.path("host/more.sparsebundle")));
+
+    fs::remove(mnt + "/too-big");
+    r = box.detach(mnt);
+    if (r.exitCode != 0) r = box.detach(mnt, /*force=*/true);
+    ASSERT_EQ(r.exitCode, 0) << r.describe();
+    // The mark is made by the device process as it ends.
+    for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
+
+    std::string dev;
+    ASSERT_EQ(box.attachNoMount(image, kPassword, &dev).exitCode, 0);
+    ext2_super_block sb {};
+    const int fd = ::open(dev.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::pread(fd, &sb, sizeof sb, SUPERBLOCK_OFFSET), ssize_t(sizeof sb));
+    ::close(fd);
+    EXPECT_TRUE(sb.s_state & EXT2_ERROR_FS) << "the refused writes left no mark for the next attach";
+    ASSERT_EQ(box.detach(dev).exitCode, 0);
+
+    ASSERT_EQ(::mount("qv-test", host.c_str(), "tmpfs", MS_REMOUNT, "size=256m"), 0) << std::strerror(errno);
+    ASSERT_EQ(box.attach(image, mnt, kPassword).exitCode, 0) << "the image no longer mounts";
+    EXPECT_TRUE(readFile(mnt + "/keep") == keep) << "a file synced before the disk filled up changed";
     EXPECT_EQ(box.detach(mnt).exitCode, 0);
 }
 
