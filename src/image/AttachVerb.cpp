@@ -177,9 +177,12 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
         if (!printEntities(a, error)) return undo();
         return ExitOK;
     }
+    // A mounted volume writes, and a repair writes more: neither starts on a
+    // disk too full to take it.
+    if (!ensureRoomToChange(image, "mount", error)) return undo();
     // A volume that was not detached cleanly can't be mounted unrepaired, so the
     // check runs whatever -noautofsck says.
-    if (!checkFileSystem(a.devEntry, false, error)) return undo();
+    if (!checkFileSystem(image, a.devEntry, false, error)) return undo();
     const bool nobrowse = args.has("-nobrowse");
     auto mount = [&] {
         return ctx.layer == Layer::Kernel ? mountWithKernel(&a, nobrowse, error) : mountWithFuse2fs(&a, nobrowse, error);
@@ -191,7 +194,7 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
         QV_LOG_WARN("mounting " + a.image + " failed (" + (error ? error->description : std::string()) +
                     "); checking its file system in full");
         unmountAfterFailure(a);
-        if (!checkFileSystem(a.devEntry, true, error) || !mount()) return undo();
+        if (!checkFileSystem(image, a.devEntry, true, error) || !mount()) return undo();
     }
     if (!writeAttachment(a, error)) return undo();
     // The device process now ends by itself once the file system lets go of the disk.

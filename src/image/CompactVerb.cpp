@@ -71,7 +71,7 @@ int runCompact(const std::vector<std::string>& words, const VerbContext&, QVErro
     TemporaryDevice device;
     if (!device.start(image, key, 0, error)) return exitStatusOf(error);
     // The bitmaps of a file system that was not left clean can't be trusted.
-    if (!checkFileSystem(device.disk(), false, error)) return exitStatusOf(error);
+    if (!checkFileSystem(image, device.disk(), false, error)) return exitStatusOf(error);
     FreeRanges free;
     if (!findFreeRanges(device.disk(), image.info().size, &free, error)) return exitStatusOf(error);
     int fd = ::open(device.disk().c_str(), O_RDWR | O_CLOEXEC);

@@ -2,7 +2,6 @@
 // Growing raises the disk first and then the file system; shrinking shrinks
 // the file system first and then the disk, so that the file system never
 // reaches beyond its disk. -limits reports what is possible.
-#include <sys/statvfs.h>
 
 #include <cstdio>
 #include <sstream>
@@ -17,9 +16,6 @@
 namespace qv::image {
 
 namespace {
-
-// Host space growing needs at least, for the new groups' metadata.
-constexpr uint64_t kGrowSpaceNeeded = 32ull << 20;
 
 uint64_t roundUpToSector(uint64_t n) { return (n + kSectorSize - 1) / kSectorSize * kSectorSize; }
 
@@ -70,9 +66,7 @@ int printLimits(const ParsedArguments& args, QVError* error) {
 }
 
 int grow(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
-    struct statvfs vfs {};
-    if (::fstatvfs(image.directoryFd(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kGrowSpaceNeeded)
-        return refuse(error, ExitNoSpace, "not enough space next to the image to grow it");
+    if (!ensureRoomToChange(image, "grow", error)) return exitStatusOf(error);
     const ImageInfo old = image.info();
     ImageInfo bigger = old;
     bigger.size = size;
@@ -86,7 +80,7 @@ int grow(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
     {
         TemporaryDevice device;
         if (!device.start(image, key, size, error)) return undo();
-        if (!checkFileSystem(device.disk(), true, error)) return undo();
+        if (!checkFileSystem(image, device.disk(), true, error)) return undo();
         ProgramResult r = runProgram(kResize2fs, {device.disk(), QVFormat("%lluK", static_cast<unsigned long long>(size / 1024))});
         if (!r.ok()) {
             fail(error, ExitFailure, "resize2fs failed: " + r.summary());
@@ -109,7 +103,7 @@ int shrink(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) 
         if (size < minimum)
             return refuse(error, ExitFailure,
                           "the volume needs at least " + humanSize(minimum) + "; it can't shrink to " + humanSize(size));
-        if (!checkFileSystem(device.disk(), true, error)) return exitStatusOf(error);
+        if (!checkFileSystem(image, device.disk(), true, error)) return exitStatusOf(error);
         ProgramResult r = runProgram(kResize2fs, {device.disk(), QVFormat("%lluK", static_cast<unsigned long long>(size / 1024))});
         if (!r.ok()) return refuse(error, ExitFailure, "resize2fs failed: " + r.summary());
         if (!device.stop(error)) return exitStatusOf(error);

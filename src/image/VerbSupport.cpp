@@ -1,6 +1,7 @@
 #include "image/VerbSupport.h"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <ext2fs/ext2_fs.h>
@@ -92,10 +93,22 @@ bool readFileSystemState(const std::string& disk, FileSystemState* state, QVErro
     return true;
 }
 
-bool checkFileSystem(const std::string& disk, bool force, QVError* error) {
+bool ensureRoomToChange(const ImageBundle& image, const std::string& purpose, QVError* error) {
+    struct statvfs vfs {};
+    if (::fstatvfs(image.directoryFd(), &vfs) != 0) return failErrno(error, errno, "cannot read the free space next to the image");
+    const uint64_t room = uint64_t(vfs.f_bavail) * vfs.f_frsize;
+    if (room >= kRoomToChange) return true;
+    return fail(error, ExitNoSpace,
+                QVFormat("not enough space on the disk holding the image to %s it (%llu MiB free, %llu MiB needed)",
+                         purpose.c_str(), static_cast<unsigned long long>(room >> 20),
+                         static_cast<unsigned long long>(kRoomToChange >> 20)));
+}
+
+bool checkFileSystem(const ImageBundle& image, const std::string& disk, bool force, QVError* error) {
     FileSystemState state;
     if (!readFileSystemState(disk, &state, error)) return false;
     if (state.clean && !force) return true;
+    if (!ensureRoomToChange(image, "repair", error)) return false;
     // Exit status bits: 1 errors fixed, 2 reboot advised (meaningless for an
     // image), 4 errors left, 8 and up the check itself failed.
     auto fixed = [](const ProgramResult& r) { return r.exited && (r.status & ~3) == 0; };

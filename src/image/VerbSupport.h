@@ -51,8 +51,19 @@ struct FileSystemState {
 // Reads the ext4 superblock of a disk; fails when there is no ext4 on it.
 bool readFileSystemState(const std::string& disk, FileSystemState* state, QVError* error);
 
+// Room the disk holding an image must have before its file system is mounted
+// or repaired. A write the disk refuses for want of space reaches the file
+// system above it late, through the page cache, and neither fuse2fs, the
+// kernel's ext4 on a loop device nor e2fsck takes such a late refusal well:
+// a repair run on a full disk was seen to lose data that had been synced.
+inline constexpr uint64_t kRoomToChange = 32ull << 20;
+// Fails with exit 7 when the file system holding `image` has less than
+// kRoomToChange free for the caller; `purpose` completes "not enough space ... to".
+bool ensureRoomToChange(const ImageBundle& image, const std::string& purpose, QVError* error);
+
 // Repairs the file system when it was not left clean (always with `force`):
-// e2fsck -p first, e2fsck -y when that is not enough.
-bool checkFileSystem(const std::string& disk, bool force, QVError* error);
+// e2fsck -p first, e2fsck -y when that is not enough. A repair is refused
+// (exit 7) while the disk holding `image` lacks the room for it.
+bool checkFileSystem(const ImageBundle& image, const std::string& disk, bool force, QVError* error);
 
 } // namespace qv::image
