@@ -26,9 +26,6 @@ namespace qv::image {
 
 namespace {
 
-// Host space a new image needs at least: its header files and the metadata
-// that mkfs writes.
-constexpr uint64_t kCreateSpaceNeeded = 32ull << 20;
 constexpr size_t kLabelBytes = 16;
 
 // The ext4 label holds 16 bytes; a name is cut there, never inside a character.
@@ -156,7 +153,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     } oldLock{oldFd};
 
     struct statvfs vfs {};
-    if (::statvfs(parent.c_str(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kCreateSpaceNeeded)
+    if (::statvfs(parent.c_str(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kRoomToChange)
         return refuse(error, ExitNoSpace, "not enough space in '" + parent + "' for a new image");
 
     std::string staging = parent + "/." + name + ".qv-new-XXXXXX";

@@ -52,8 +52,7 @@ TEST_P(ImageLayerTest, WhatIsWrittenReachesTheDiskButNoBandHoldsIt) {
     writeFileSynced(mnt + "/marker.txt", payload);
     ASSERT_EQ(box.detach(mnt).exitCode, 0);
     EXPECT_TRUE(listDirectory(mnt).empty()) << "the folder must be empty once detached";
-    for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
-    EXPECT_TRUE(processesUsing(box.root()).empty()) << "a process still serves the image after detach";
+    EXPECT_TRUE(waitUntilNoProcessUses(box.root())) << "a process still serves the image after detach";
     // Nor does anything of the attachment stay behind in the runtime directory.
     EXPECT_EQ(listDirectory(box.runtimeDir() + "/qv-image"), std::vector<std::string>{});
 
@@ -135,7 +134,9 @@ TEST_P(ImageLayerTest, ChangesMadeWithoutFsyncSurviveACrashSecondsLater) {
     ASSERT_EQ(box.attach(image, mnt, kPassword).exitCode, 0);
     EXPECT_TRUE(fs::is_directory(mnt + "/unsynced/inner"));
     EXPECT_TRUE(fs::exists(mnt + "/unsynced/note"));
-    if (GetParam() == "fuse2fs") EXPECT_EQ(readFile(mnt + "/unsynced/note"), "no fsync");
+    if (GetParam() == "fuse2fs") {
+        EXPECT_EQ(readFile(mnt + "/unsynced/note"), "no fsync");
+    }
     EXPECT_EQ(box.detach(mnt).exitCode, 0);
 }
 

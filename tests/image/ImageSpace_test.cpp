@@ -11,19 +11,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <regex>
-#include <thread>
 
 #include "image/ImageTestSupport.h"
 
 namespace fs = std::filesystem;
 using namespace qv::test;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -206,7 +203,7 @@ TEST_P(FullHostTest, AFullHostDiskFailsTheWriteAndKeepsWhatWasSynced) {
     if (r.exitCode != 0) r = box.detach(mnt, /*force=*/true);
     ASSERT_EQ(r.exitCode, 0) << r.describe();
     // The mark is made by the device process as it ends.
-    for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
+    waitUntilNoProcessUses(box.root());
 
     std::string dev;
     ASSERT_EQ(box.attachNoMount(image, kPassword, &dev).exitCode, 0);
@@ -217,7 +214,7 @@ TEST_P(FullHostTest, AFullHostDiskFailsTheWriteAndKeepsWhatWasSynced) {
     ::close(fd);
     EXPECT_TRUE(sb.s_state & EXT2_ERROR_FS) << "the refused writes left no mark for the next attach";
     ASSERT_EQ(box.detach(dev).exitCode, 0);
-    for (int i = 0; i < 150 && !processesUsing(box.root()).empty(); ++i) std::this_thread::sleep_for(100ms);
+    waitUntilNoProcessUses(box.root());
 
     r = box.attach(image, mnt, kPassword);
     EXPECT_TRUE(r.exited && r.exitCode == 7) << "mounted on a full disk: " << r.describe();

@@ -197,6 +197,14 @@ std::vector<pid_t> processesUsing(const std::string& prefix) {
     return found;
 }
 
+bool waitUntilNoProcessUses(const std::string& prefix) {
+    for (int i = 0; i < 150; ++i) {
+        if (processesUsing(prefix).empty()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return processesUsing(prefix).empty();
+}
+
 void killProcesses(const std::vector<pid_t>& pids) {
     for (pid_t p : pids) ::kill(p, SIGKILL);
     const auto deadline = Clock::now() + std::chrono::seconds(10);

@@ -42,6 +42,9 @@ std::string qvImageBinary();
 // Every other process whose command line, environment, directories, open files
 // or mappings mention a path under `prefix`.
 std::vector<pid_t> processesUsing(const std::string& prefix);
+// Waits up to 15 s for the last of them to end (a device process finishes its
+// work after detach returns); true once none is left.
+bool waitUntilNoProcessUses(const std::string& prefix);
 void killProcesses(const std::vector<pid_t>& pids);  // SIGKILL, then waits until gone
 std::string processName(pid_t pid);
 
