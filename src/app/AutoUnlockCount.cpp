@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <mutex>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "toolkit/Log.h"
 
 namespace qv {

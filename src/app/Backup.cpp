@@ -6,7 +6,7 @@
 #include <strings.h>
 #include <vector>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "toolkit/Log.h"
 
 namespace fs = std::filesystem;

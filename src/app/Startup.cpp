@@ -3,8 +3,8 @@
 #include <filesystem>
 
 #include "app/OldDataMigration.h"
-#include "app/UserDefaults.h"
-#include "disk/Locations.h"
+#include "vault/UserDefaults.h"
+#include "vault/Locations.h"
 #include "toolkit/Log.h"
 
 namespace qv {

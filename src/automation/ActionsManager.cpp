@@ -6,7 +6,7 @@
 #include <chrono>
 #include <memory>
 
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 #include "disk/DesktopOpen.h"
 #include "disk/URLHelpers.h"
 #include "tasks/LockFolderTask.h"
@@ -14,7 +14,7 @@
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -127,14 +127,7 @@ bool ActionsManager::executeClose(const QVRecordRef& action, const QVRecordRef& 
     const std::string name = withoutExtension(QVLastPathComponent(a.url().toURLPath()));
     for (const QVRunningApplication& instance : instances) {
         const std::string status = QVFormat("Closing %s...", name.c_str());
-        performBlockOnMainThread(
-            [face, status] {
-                FolderFaceRef f{face};
-                f.setProgressIndeterminate(Value(true));
-                f.setProgressAnimate(Value(true));
-                FolderList::singleton().setStatusText(status, false, face);
-            },
-            false);
+        presentFolderFace(face, {.indeterminate = true, .animate = true, .status = status});
         if (!closeApp(instance)) {
             QVSetAppError(error, QVErrorActionFailed,
                           QVFormat("Could not close the application: %s. In order to avoid possible data loss, "
@@ -192,19 +185,8 @@ bool ActionsManager::closeApp(const QVRunningApplication& application) {
 }
 
 QVRecordRef ActionsManager::faceForFolder(const std::string& url) {
-    const std::string path = QVTrimmedPath(url);
     QVRecordRef found;
-    if (path.empty()) return found;
-    performBlockOnMainThread(
-        [&] {
-            for (const QVRecordRef& face : FolderList::singleton().faces()) {
-                if (QVFolderMountpointPath(FolderFaceRef{face}.folder().as<QVRecord>()) == path) {
-                    found = face;
-                    return;
-                }
-            }
-        },
-        true);
+    performBlockOnMainThread([&] { found = QVFaceOnShowWithMountpoint(url); }, true);
     return found;
 }
 

@@ -22,7 +22,8 @@
 // are already running further up the same chain isn't run again: two folders
 // that unlock each other would otherwise call each other without end.
 //
-// An ActionsManager has no state; a task makes one for each run. It runs on the
+// An ActionsManager has no state; the tasks reach the one that start-up installs
+// as their FolderActionsRunner (tasks/FolderActionsRunner.h). It runs on the
 // task's thread, never the main thread: asking an application to quit waits up
 // to 5 seconds per instance there.
 #include <optional>
@@ -30,6 +31,7 @@
 #include <vector>
 
 #include "toolkit/QVError.h"
+#include "tasks/FolderActionsRunner.h"
 #include "vault/QVRecord.h"
 
 namespace qv {
@@ -52,11 +54,11 @@ inline constexpr long QVErrorActionFailed = 1103;
 inline constexpr double QVCloseAppTimeoutSeconds = 5.0;
 inline constexpr unsigned QVCloseAppPollMicroseconds = 500000;
 
-class ActionsManager {
+class ActionsManager : public FolderActionsRunner {
 public:
     // Run the folder's unlock or lock list through executeActions.
-    bool executeUnlockActions(const QVRecordRef& folder, QVError* error = nullptr);
-    bool executeLockActions(const QVRecordRef& folder, QVError* error = nullptr);
+    bool executeUnlockActions(const QVRecordRef& folder, QVError* error = nullptr) override;
+    bool executeLockActions(const QVRecordRef& folder, QVError* error = nullptr) override;
 
     // Runs the list in the order of its priorities (see the top of this file).
     // An empty or absent list succeeds at once and leaves *error alone.
@@ -96,7 +98,7 @@ public:
     static std::vector<std::string> openAppActionsInFolder(const QVRecordRef& folder, bool lock);
     // The name of the first running application among those that the folder's
     // unlock list opens; nullopt when none runs.
-    static std::optional<std::string> appInUnlockActionsIsRunning(const QVRecordRef& folder);
+    std::optional<std::string> appInUnlockActionsIsRunning(const QVRecordRef& folder) override;
 };
 
 } // namespace qv

@@ -2,11 +2,11 @@
 
 #include "automation/ActionsCache.h"
 #include "automation/ActionsManager.h"
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 

@@ -38,7 +38,4 @@ int cmdLock(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
 int cmdActions(const std::vector<std::string>& args);
 
-// Gives the folder list the task classes it queues.
-void installTaskMakers();
-
 } // namespace qv::cli

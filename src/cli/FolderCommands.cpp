@@ -5,10 +5,10 @@
 #include "app/FolderTaskMark.h"
 #include "cli/Cli.h"
 #include "cli/FolderSession.h"
-#include "ui/logic/FolderIntake.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderIntake.h"
+#include "app/FolderList.h"
 #include "vault/DBSubdb.h"
-#include "vault/FolderState.h"
+#include "disk/FolderState.h"
 #include "vault/Schemas.h"
 
 namespace qv::cli {
@@ -138,7 +138,7 @@ int cmdStatus(const std::vector<std::string>& args) {
         FolderFaceRef ff{face};
         FolderRef folder{folderOf(face)};
         const std::string status = ff.statusText().toString();
-        const char* state = FolderList::isErrorStatusColor(ff.statusColor()) ? "missing"
+        const char* state = QVIsErrorStatusColor(ff.statusColor()) ? "missing"
                             : ff.locked().toBool()                          ? "locked"
                                                                              : "unlocked";
         const char* task = FolderTaskMark::isHeld(folder.uuid().toString()) ? "busy"

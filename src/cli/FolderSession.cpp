@@ -12,13 +12,13 @@
 #include <filesystem>
 #include <map>
 
-#include "app/TaskQueue.h"
+#include "tasks/TaskQueue.h"
 #include "cli/Cli.h"
 #include "cli/PasswordInput.h"
 #include "tasks/BaseFolderTask.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/NotificationConsole.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "app/FolderList.h"
+#include "notify/NotificationConsole.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/LayerWiring.h"
 #include "cli/Cli.h"
 #include "toolkit/Log.h"
 
@@ -63,7 +64,7 @@ int main(int argc, char** argv) {
     if (command == "set") return qv::cli::cmdSet(args);
     if (command == "folders") return qv::cli::cmdFolders(args);
     if (command == "backup") return qv::cli::cmdBackup(args);
-    qv::cli::installTaskMakers();
+    qv::QVConnectLayers();
     if (command == "encrypt") return qv::cli::cmdEncrypt(args);
     if (command == "unlock") return qv::cli::cmdUnlock(args);
     if (command == "lock") return qv::cli::cmdLock(args);

@@ -18,7 +18,7 @@
 #include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 #include "toolkit/PathText.h"
 
@@ -130,10 +130,7 @@ QVCopyCancelBlock DiskMaster::copyCancelBlockForFolderFace(const QVRecordRef& fa
         const double fraction = size > 0 ? double(bytes) / double(size) : 0.0;
         auto text = copyStatusText(bytes, throughput, size);
         if (face) {
-            performBlockOnMainThread([face, fraction, text = std::move(text)] {
-                FolderFaceRef{face}.setProgressPercentage(Value(fraction));
-                if (text) FolderList::singleton().setStatusText(*text, false, face);
-            });
+            presentFolderFace(face, {.percentage = fraction, .status = std::move(text)});
         }
         return face && FolderFaceRef{face}.opCanceled().toBool();
     };
@@ -191,7 +188,7 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
         // The plain password lives for this one run only.
         ImagePassword password(face, parts.folder);
         if (!password.fill(error)) return false;
-        if (updateUI) postProgress(face, {.indeterminate = true, .status = std::string("Creating disk image...")});
+        if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Creating disk image...")});
         output = runImageTool(args, password.bytes(), &runError);
     }
     if (!runError.empty()) {
@@ -211,7 +208,7 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
     } else if (mountDiskForFolderFace(face, true, tempMount, updateUI, error)) {
         mounted = true;
         if (updateUI)
-            postProgress(face, {.indeterminate = false, .percentage = 0.0, .status = std::string("Copying data...")});
+            presentFolderFace(face, {.indeterminate = false, .percentage = 0.0, .status = std::string("Copying data...")});
         bool copied = true;
         if (!(options & DiskCreateSkipCopy)) {
             copied = copyContentsFrom(folder.mountpoint().toURLPath(), tempMount, QVFileOperationSkipPreflight,
@@ -223,7 +220,7 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
         if (copied) {
             if (icon) QV_LOG_WARN("volume icons are not supported yet: the new volume keeps the default icon");
             if (updateUI)
-                postProgress(face, {.indeterminate = true, .animate = true, .status = std::string("Enabling indexing...")});
+                presentFolderFace(face, {.indeterminate = true, .animate = true, .status = std::string("Enabling indexing...")});
             if (!(options & DiskCreateSkipSpotlight)) turnOnIndexingIfNecessary(tempMount);
             if (auto serializeError = QVDiskInfoSerializeFromFolder(parts.folder)) {
                 if (error) *error = *serializeError;

@@ -22,6 +22,7 @@
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
 #include "vault/PropertyList.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 #include "toolkit/PathText.h"
 
@@ -332,7 +333,7 @@ bool DiskMaster::hdiutilMountDiskForFolderFace(const QVRecordRef& face, bool sil
         return false;
     }
     ImagePassword password(face, parts.folder);
-    if (updateUI) postProgress(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
+    if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
     QVError runError;
     if (password.fill(&runError))
         runImageTool(attachArgumentsForImage(parts.imagePath, mount, silently), password.bytes(), &runError);
@@ -342,7 +343,7 @@ bool DiskMaster::hdiutilMountDiskForFolderFace(const QVRecordRef& face, bool sil
         QVSetAppError(error, runError.code, "Failed to mount disk image, error:\n" + why);
         return false;
     }
-    setLockedOnMainThread(face, false);
+    presentFolderFace(face, {.locked = false}, true);
     return true;
 }
 
@@ -357,7 +358,7 @@ bool DiskMaster::daMountDiskForFolderFace(const QVRecordRef& face, bool silently
         return false;
     }
     ImagePassword password(face, parts.folder);
-    if (updateUI) postProgress(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
+    if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
 
     // Checked before anything is decrypted: nothing may end up served with no
     // place to mount it.
@@ -412,7 +413,7 @@ bool DiskMaster::daMountDiskForFolderFace(const QVRecordRef& face, bool silently
     }
     // Volumes here stay mounted across a logout; the folder's lock rules take them down.
     QVLogInfo(QVFormat("no eject-on-logout for volumes on this system: %s stays mounted until locked", mount.c_str()));
-    setLockedOnMainThread(face, false);
+    presentFolderFace(face, {.locked = false}, true);
     return true;
 }
 
@@ -432,7 +433,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
         return false;
     }
     if (updateUI)
-        postProgress(face, {.indeterminate = true, .animate = true, .status = std::string("Locking folder...")});
+        presentFolderFace(face, {.indeterminate = true, .animate = true, .status = std::string("Locking folder...")});
 
     std::vector<std::string> args{"detach", mount};
     if (forcefully) args.push_back("-force");
@@ -455,7 +456,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
         }
     }
     if (runError.empty()) {
-        setLockedOnMainThread(face, true);
+        presentFolderFace(face, {.locked = true}, true);
         return true;
     }
     QV_LOG_FAILED("detachStatus != 0");
@@ -546,7 +547,7 @@ bool DiskMaster::renameDiskForFolderFace(const QVRecordRef& face, const std::str
         const std::string mountWhy = trimmedMessage(mountError.description);
         QV_LOG_ERROR(QVFormat("failed to attach %s. Error: %s", parts.imagePath.c_str(), mountWhy.c_str()));
         // The folder is locked now, whatever the label became.
-        setLockedOnMainThread(face, true);
+        presentFolderFace(face, {.locked = true}, true);
         QVSetAppError(error, mountError.code,
                       QVFormat("Error %ld renaming '%s'. Reason: the volume could not be mounted again: %s",
                                mountError.code, oldName.c_str(), mountWhy.c_str()));

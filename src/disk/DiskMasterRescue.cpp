@@ -15,16 +15,16 @@
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMasterSupport.h"
 #include "disk/FolderSanity.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/RescueFrontEnd.h"
 #include "disk/SizeWalk.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -244,7 +244,7 @@ bool DiskMaster::rescueDiskImageForFolderFace(const QVRecordRef& face, bool canc
         else
             QVRevealInFileManager({rescued});
         FolderRef{parts.folder}.setEncrypted(Value(false));
-        FolderList::singleton().removeFolderFace(face);
+        if (FolderFacesHost* list = QVFolderFacesHost()) list->removeFolderFace(face);
         return true;
     }
 }
@@ -254,7 +254,7 @@ namespace {
 // The shared body of moving and copying an image with the face's progress.
 bool relocateImage(const QVRecordRef& face, const std::string& destination, bool move, QVError* error) {
     const diskmaster::FaceParts parts = diskmaster::partsOf(face);
-    diskmaster::postProgress(face, {.indeterminate = true});
+    presentFolderFace(face, {.indeterminate = true});
 
     QVError sanity;
     const long code = sanityCheckFolderFace(face, &sanity);
@@ -269,7 +269,7 @@ bool relocateImage(const QVRecordRef& face, const std::string& destination, bool
     const int64_t size = fastFolderSizeAtFSRef(parts.imagePath, nullptr);
     const QVCopyCancelBlock cancelBlock =
         DiskMaster::copyCancelBlockForFolderFace(face, size > 0 ? static_cast<uint64_t>(size) : 0);
-    diskmaster::postProgress(face, {.indeterminate = false});
+    presentFolderFace(face, {.indeterminate = false});
 
     const auto [dir, name] = splitDestination(destination);
     QVError failure;

@@ -5,8 +5,6 @@
 #include "disk/ProcessRunner.h"
 #include "disk/ToolPaths.h"
 #include "toolkit/Log.h"
-#include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"
@@ -63,22 +61,6 @@ bool ImagePassword::fill(QVError* error) {
     buffer_ = std::move(*plain);
     QVWipe(*plain);  // moved from: empty, but make sure
     return true;
-}
-
-void postProgress(const QVRecordRef& face, Progress progress) {
-    if (!face) return;
-    performBlockOnMainThread([face, progress = std::move(progress)] {
-        FolderFaceRef ff{face};
-        if (progress.indeterminate) ff.setProgressIndeterminate(Value(*progress.indeterminate));
-        if (progress.animate) ff.setProgressAnimate(Value(*progress.animate));
-        if (progress.percentage) ff.setProgressPercentage(Value(*progress.percentage));
-        if (progress.status) FolderList::singleton().setStatusText(*progress.status, false, face);
-    });
-}
-
-void setLockedOnMainThread(const QVRecordRef& face, bool locked) {
-    if (!face) return;
-    performBlockOnMainThread([face, locked] { FolderFaceRef{face}.setLocked(Value(locked)); }, true);
 }
 
 std::optional<std::vector<uint8_t>> runImageTool(const std::vector<std::string>& args,

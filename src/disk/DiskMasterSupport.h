@@ -1,7 +1,7 @@
 #pragma once
 // What the DiskMaster operations share: the records of a face, the image
-// password buffer that is scrubbed whatever happens, the posts of progress to
-// the main thread, and running the disk-image helper.
+// password buffer that is scrubbed whatever happens, and running the disk-image
+// helper. Progress goes to the face through vault/FacePresentation.h.
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -46,18 +46,6 @@ private:
     QVRecordRef folder_;
     Bytes buffer_;
 };
-
-// Posted to the main thread, without waiting. Each part is changed only when given.
-struct Progress {
-    std::optional<bool> indeterminate = std::nullopt;
-    std::optional<bool> animate = std::nullopt;
-    std::optional<double> percentage = std::nullopt;
-    std::optional<std::string> status = std::nullopt;
-};
-void postProgress(const QVRecordRef& face, Progress progress);
-
-// Sets the face's `locked` on the main thread and waits for it.
-void setLockedOnMainThread(const QVRecordRef& face, bool locked);
 
 // Runs qv-image with these arguments. With `input` the bytes go to its standard
 // input; without, its standard input is an empty pipe (never our terminal).

@@ -11,9 +11,9 @@
 #include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 #include "toolkit/PathText.h"
 
@@ -28,9 +28,7 @@ constexpr uint64_t QVSizeReportStep = 209715200;  // 200 MiB
 
 // Status lines go through the folder list on the main thread, after the caller.
 void postStatus(const QVRecordRef& face, std::string text, bool error) {
-    performBlockOnMainThread([face, text = std::move(text), error] {
-        FolderList::singleton().setStatusText(text, error, face);
-    });
+    presentFolderFace(face, {.status = std::move(text), .statusIsError = error});
 }
 
 bool isCanceled(const QVRecordRef& face) { return FolderFaceRef{face}.opCanceled().toBool(); }
@@ -118,10 +116,7 @@ long sanityCheckFolderFace(const QVRecordRef& face, QVError* error) {
     if (!checkResourceIsReachable(mountpoint, &reachError)) {
         QV_LOG_ERROR(QVFormat("folder mountpoint unreachable '%s': %s", mountpoint.c_str(),
                               reachError.description.c_str()));
-        performBlockOnMainThread([face] {
-            FolderList::singleton().setStatusText("Mountpoint missing!", true, face);
-            FolderFaceRef{face}.setLocked(Value(true));
-        });
+        presentFolderFace(face, {.status = "Mountpoint missing!", .statusIsError = true, .locked = true});
         QVSetAppError(error, reachError.code,
                       QVFormat("Mountpoint for '%s' is not reachable:\n\n%s\n\nIt should be here:\n\n%s", name.c_str(),
                                reachError.description.c_str(), mountpoint.c_str()));
@@ -176,10 +171,7 @@ uint64_t folderSizeOfFolderFace(const QVRecordRef& face, bool updateStatusText, 
                 postStatus(face, "Calculating... " + bytesToHumanReadableString(total), false);
             }
             if (!isCanceled(face)) return false;
-            performBlockOnMainThread([face] {
-                FolderFaceRef{face}.setProgressIndeterminate(Value(true));
-                FolderList::singleton().setStatusText("Cancelling...", false, face);
-            });
+            presentFolderFace(face, {.indeterminate = true, .status = "Cancelling..."});
             return true;
         };
     } else {

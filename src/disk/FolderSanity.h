@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "toolkit/QVError.h"
-#include "vault/FolderState.h"
+#include "disk/FolderState.h"
 #include "vault/QVRecord.h"
 
 namespace qv {

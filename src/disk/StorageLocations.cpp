@@ -5,7 +5,7 @@
 #include <mutex>
 #include <sys/stat.h>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "toolkit/Log.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"

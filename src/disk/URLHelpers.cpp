@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 
 #include "disk/FileSystemVolumes.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/ProcessRunner.h"
 #include "toolkit/Log.h"
 

@@ -4,9 +4,9 @@
 
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
-#include "vault/FolderState.h"
+#include "notify/QVNotificationCenter.h"
+#include "disk/FolderState.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -14,7 +14,7 @@ namespace qv {
 namespace {
 
 OperationRef currentOpOf(const QVRecordRef& face) {
-    return FolderFaceRef{face}.currentOp().as<Operation>();
+    return FolderFaceRef{face}.currentOp();
 }
 
 QVRecordRef folderOf(const QVRecordRef& face) {
@@ -85,9 +85,9 @@ OperationResult BaseFolderTask::start(const QVRecordRef& folderFace) {
             // Nothing from a missing operation or from one still running.
             if (current) result = current->result();
             if (result)
-                face.setCurrentOp(Value());
+                face.setCurrentOp(nullptr);
             else
-                face.setCurrentOp(Value(self));
+                face.setCurrentOp(self);
         },
         true);
     // 2. A task that follows a failed chain never runs.
@@ -109,7 +109,7 @@ OperationResult BaseFolderTask::start(const QVRecordRef& folderFace) {
     }
 
     // 4. Let go of the folder, whatever `go` ended with.
-    performBlockOnMainThread([&] { FolderFaceRef{folderFace}.setCurrentOp(Value()); }, true);
+    performBlockOnMainThread([&] { FolderFaceRef{folderFace}.setCurrentOp(nullptr); }, true);
     // 5. The operation keeps the result.
     return result;
 }
@@ -121,16 +121,10 @@ OperationResult BaseFolderTask::go(const QVRecordRef& folderFace) {
 
 void BaseFolderTask::startIndeterminateProgress(const QVRecordRef& folderFace, const std::string& message,
                                                 bool cancellable) {
-    performBlockOnMainThread(
-        [folderFace, message, cancellable] {
-            FolderFaceRef face{folderFace};
-            face.setProgressIndeterminate(Value(true));
-            face.setProgressAnimate(Value(true));
-            face.setProgressPercentage(Value(0.0));
-            face.setCancelable(Value(cancellable));
-            FolderList::singleton().setStatusText(message, false, folderFace);
-        },
-        true);
+    presentFolderFace(folderFace,
+                      {.indeterminate = true, .animate = true, .percentage = 0.0, .status = message,
+                       .cancelable = cancellable},
+                      true);
 }
 
 namespace {
@@ -147,7 +141,7 @@ void stopBar(const QVRecordRef& folderFace, bool release) {
                 face.setCancelable(Value(false));
                 face.setOpCanceled(Value());
             }
-            FolderList::singleton().displayFolderSizeInfo(folderFace);
+            QVDisplayFolderSizeInfo(folderFace);
         },
         false);
 }
@@ -197,12 +191,12 @@ bool addFolderTask(OperationQueue& queue, const OperationRef& operation, QVError
                 // queue refuses below as well.
                 operation->addDependency(current);
             } else if (!current) {
-                faceRef.setCurrentOp(Value(operation));
+                faceRef.setCurrentOp(operation);
                 madeCurrent = true;
             }
             added = queue.addOperation(operation, error);
             // An operation that will never run must not keep the folder busy.
-            if (!added && madeCurrent) faceRef.setCurrentOp(Value());
+            if (!added && madeCurrent) faceRef.setCurrentOp(nullptr);
         },
         true);
     return added;

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMaster.h"
 #include "disk/FileSystemVolumes.h"
@@ -19,10 +19,10 @@
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/QVCrypto.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 #include "toolkit/PathText.h"
 
@@ -134,7 +134,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
                 face.setProgressPercentage(Value(0.0));
                 face.setProgressAnimate(Value(true));
                 face.setCancelable(Value(true));
-                FolderList::singleton().setStatusText("Encrypting...", false, folderFace);
+                QVSetFaceStatusText(folderFace, "Encrypting...", false);
                 saved = subdb->save(&saveError);
             },
             true);
@@ -280,10 +280,10 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         }
         performBlockOnMainThread(
             [&] {
-                FolderList& list = FolderList::singleton();
-                list.removeFolderFace(folderFace);
+                FolderFacesHost* list = QVFolderFacesHost();
+                if (list) list->removeFolderFace(folderFace);
                 // A set that is not the one on show keeps its own copy of the record.
-                if (subdb && list.subdb() != subdb && subdb->removeFolderWithMountpoint(mountpointPath)) {
+                if (subdb && (!list || list->subdb() != subdb) && subdb->removeFolderWithMountpoint(mountpointPath)) {
                     QVError removeError;
                     if (!subdb->save(&removeError))
                         QV_LOG_ERROR(QVFormat("couldn't save the set without '%s': %s", mountpointPath.c_str(),
@@ -309,7 +309,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
                                  finalError.description.c_str()),
                         true);
                 }
-                FolderList::singleton().displayFolderSizeInfo(folderFace);
+                QVDisplayFolderSizeInfo(folderFace);
             },
             true);
     }

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <vector>
 
-#include "automation/ActionsManager.h"
-#include "automation/RunningApplications.h"
+#include "tasks/FolderActionsRunner.h"
+#include "disk/RunningApplications.h"
 #include "disk/DiskMaster.h"
 #include "disk/FileSystemVolumes.h"
 #include "disk/FolderSanity.h"
@@ -14,8 +14,8 @@
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -35,7 +35,7 @@ void noteLockFailure(const QVRecordRef& folderFace) {
             face.setProgressIndeterminate(Value(false));
             face.setProgressAnimate(Value(false));
             face.setLockErrorDate(now());
-            FolderList::singleton().displayFolderSizeInfo(folderFace);
+            QVDisplayFolderSizeInfo(folderFace);
         },
         false);
 }
@@ -70,7 +70,7 @@ OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
             [&] {
                 face.setProgressIndeterminate(Value(true));
                 face.setProgressAnimate(Value(true));
-                FolderList::singleton().setStatusText("Locking...", false, folderFace);
+                QVSetFaceStatusText(folderFace, "Locking...", false);
                 // Read here, after whatever the sanity check posted.
                 locked = face.locked().toBool();
             },
@@ -106,9 +106,8 @@ OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
 OperationResult LockFolderTask::executeLockActions(const QVRecordRef& folderFace) {
     FolderFaceRef face{folderFace};
     const QVRecordRef folder = face.folder().as<QVRecord>();
-    ActionsManager manager;
     QVError error;
-    if (manager.executeLockActions(folder, &error) && error.empty()) return std::nullopt;
+    if (QVFolderActionsRunner().executeLockActions(folder, &error) && error.empty()) return std::nullopt;
     QV_LOG_ERROR(QVFormat("last action failed '%s'", error.description.c_str()));
     const std::string name = QVLastPathComponent(FolderRef{folder}.mountpoint().toURLPath());
     QVNotificationCenter::defaultCenter().postAlert(

@@ -2,8 +2,8 @@
 
 #include <mutex>
 
-#include "app/TaskQueue.h"
-#include "automation/ActionsManager.h"
+#include "tasks/TaskQueue.h"
+#include "tasks/FolderActionsRunner.h"
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMaster.h"
 #include "disk/FileSystemVolumes.h"
@@ -12,9 +12,9 @@
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -104,8 +104,7 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
 
     // 3. An application that an Open action names must not be running yet:
     // refused before anything is mounted, and the row stays as it was.
-    ActionsManager manager;
-    if (auto application = manager.appInUnlockActionsIsRunning(folder); application && !application->empty()) {
+    if (auto application = QVFolderActionsRunner().appInUnlockActionsIsRunning(folder); application && !application->empty()) {
         const std::string text = QVFormat(
             "Failed to unlock folder %s.\nThe folder cannot be unlocked while the application %s  is running. "
             "Please, close %s and try again.",
@@ -130,7 +129,7 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
                 face.setProgressAnimate(Value(true));
                 if (subdb) subdb->save(nullptr);
                 f.setMountpoint(mountpointValue);
-                FolderList::singleton().setStatusText("Unlocking...", false, folderFace);
+                QVSetFaceStatusText(folderFace, "Unlocking...", false);
                 // Read here, after whatever the sanity check posted.
                 locked = face.locked().toBool();
             },
@@ -173,9 +172,8 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
 
 OperationResult UnlockFolderTask::executeUnlockActions(const QVRecordRef& folderFace) {
     const QVRecordRef folder = FolderFaceRef{folderFace}.folder().as<QVRecord>();
-    ActionsManager manager;
     QVError error;
-    if (manager.executeUnlockActions(folder, &error) && error.empty()) return std::nullopt;
+    if (QVFolderActionsRunner().executeUnlockActions(folder, &error) && error.empty()) return std::nullopt;
     QV_LOG_ERROR(QVFormat("last action failed '%s'", error.description.c_str()));
     QVNotificationCenter::defaultCenter().postAlert(
         QVFormat("Last configured action failed with error:\n%s", error.description.c_str()), true);

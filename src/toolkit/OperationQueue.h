@@ -27,7 +27,6 @@
 #include <QThreadPool>
 
 #include "toolkit/QVError.h"
-#include "vault/Value.h"
 
 namespace qv {
 
@@ -37,15 +36,12 @@ using OperationRef = std::shared_ptr<Operation>;
 // What an operation ends with: nothing for success, or the error it failed with.
 using OperationResult = std::optional<QVError>;
 
-class Operation : public Object, public std::enable_shared_from_this<Operation> {
+class Operation : public std::enable_shared_from_this<Operation> {
 public:
     Operation() = default;
-    ~Operation() override;
+    virtual ~Operation();
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
-
-    // Operations are live objects, never archived.
-    std::string className() const override { return std::string(); }
 
     // All dependencies have finished, or the operation was cancelled.
     bool isReady() const;

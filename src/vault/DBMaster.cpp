@@ -3,7 +3,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "vault/KeyedArchive.h"

@@ -36,6 +36,29 @@ bool QVColor::encodeWithCoder(KeyedEncoder& coder) const {
     return true;
 }
 
+namespace {
+
+// A face's `currentOp` in its record: operations are no values of their own.
+class OperationBox : public Object {
+public:
+    explicit OperationBox(OperationRef operation) : operation(std::move(operation)) {}
+    std::string className() const override { return std::string(); }  // never archived
+    const OperationRef operation;
+};
+
+} // namespace
+
+OperationRef FolderFaceRef::currentOp() const {
+    if (!record) return nullptr;
+    const auto box = record->valueForKey("currentOp").as<OperationBox>();
+    return box ? box->operation : nullptr;
+}
+
+void FolderFaceRef::setCurrentOp(const OperationRef& operation) const {
+    if (!record) return;
+    record->setValueForKey(operation ? Value(std::make_shared<OperationBox>(operation)) : Value(), "currentOp");
+}
+
 Value QVDefaultStatusColor() { return Value(std::make_shared<QVColor>(0.345, 0.345, 0.345, 1.0)); }
 
 std::string QVNewUUIDString() {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "toolkit/OperationQueue.h"
 #include "vault/QVRecord.h"
 
 namespace qv {
@@ -86,7 +87,9 @@ struct FolderFaceRef {
     QV_RECORD_FIELD(actionIconAlt, ActionIconAlt)
     QV_RECORD_FIELD(opCanceled, OpCanceled)
     QV_RECORD_FIELD(cancelable, Cancelable)
-    QV_RECORD_FIELD(currentOp, CurrentOp)
+    // The task running on the folder; a live object, never archived.
+    OperationRef currentOp() const;
+    void setCurrentOp(const OperationRef& operation) const;
     QV_RECORD_FIELD(spotlightStatus, SpotlightStatus)
     QV_RECORD_FIELD(lockErrorDate, LockErrorDate)
 };
@@ -152,10 +155,6 @@ QVRecordRef QVFolderCreate(const QVRecordRef& storage, const URLValue& mountpoin
 // A Folder's `mountpoint` as a path without trailing slashes; "" without one.
 std::string QVFolderMountpointPath(const QVRecordRef& folder);
 
-// A new FolderFace of the folder with the default status colour. Its `locked` holds
-// QVFolderIsUnlocked's answer as it stands, not its negation: the folder list sets
-// `locked` right for the faces it shows, and faces made for other uses never read it.
-QVRecordRef QVFolderFaceCreate(const QVRecordRef& folder);
 
 // A new Storage.
 QVRecordRef QVStorageCreate(const std::string& name, const URLValue& url);

@@ -8,7 +8,7 @@
 
 #include "app/Backup.h"
 #include "app/OldDataMigration.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "support/TempHome.h"
 #include "toolkit/Log.h"
 #include "toolkit/LogCapture.h"

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "automation/AutomationTestSupport.h"
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 #include "support/QtApp.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "support/TempHome.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/Schemas.h"
 
 extern char** environ;

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "automation/AutomationTestSupport.h"
+#include "disk/FolderState.h"
 #include "disk/DiskInfoFile.h"
 #include "disk/DiskMaster.h"
 #include "disk/StorageLocations.h"

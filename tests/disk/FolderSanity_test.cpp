@@ -8,11 +8,11 @@
 
 #include "automation/AutomationTestSupport.h"
 #include "disk/FolderSanity.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/StorageLocations.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
 
@@ -100,7 +100,7 @@ TEST_F(FolderSanity, AMissingMountPointOrImageIsShownInTheRowAndAnswered) {
     EXPECT_EQ(sanityCheckFolderFace(noImage, &error), 2002);
     settle();
     EXPECT_EQ(FolderFaceRef{noImage}.statusText().toString(), "Diskimage missing!");
-    EXPECT_TRUE(FolderList::isErrorStatusColor(FolderFaceRef{noImage}.statusColor()));
+    EXPECT_TRUE(QVIsErrorStatusColor(FolderFaceRef{noImage}.statusColor()));
     EXPECT_TRUE(notifications.shown().empty()) << "missing pieces are shown in the row, not as alerts";
 }
 

@@ -7,7 +7,7 @@
 #include <set>
 #include <sys/stat.h>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/StorageLocations.h"
 #include "support/TempHome.h"
 

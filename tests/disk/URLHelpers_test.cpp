@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/URLHelpers.h"
 #include "support/TempHome.h"
 

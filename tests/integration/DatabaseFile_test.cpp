@@ -2,7 +2,7 @@
 // plistlib reads it, follows the UIDs from $top, and finds the four root keys.
 #include <gtest/gtest.h>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "image/ImageTestSupport.h"
 #include "support/TempHome.h"
 #include "vault/DBMaster.h"

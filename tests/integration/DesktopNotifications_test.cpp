@@ -17,7 +17,7 @@
 #include "image/ImageTestSupport.h"
 #include "support/QtApp.h"
 #include "toolkit/LogCapture.h"
-#include "ui/logic/DesktopNotifications.h"
+#include "notify/DesktopNotifications.h"
 
 using namespace qv;
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "automation/AutomationTestSupport.h"
+#include "disk/FolderState.h"
 #include "disk/StorageLocations.h"
 #include "image/ImageTestSupport.h"
 #include "support/QtApp.h"

@@ -7,12 +7,13 @@
 
 #include <filesystem>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
+#include "disk/FolderState.h"
 #include "disk/CopyEngine.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "integration/DiskMasterTestSupport.h"
 #include "support/TempHome.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 #include "vault/DBMaster.h"
 
 namespace fs = std::filesystem;

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "automation/ActionsManager.h"
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 #include "integration/FolderTaskTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -95,7 +95,7 @@ TEST_F(FolderActions, AnUnlockWaitsForTheApplicationsItWouldOpenAndSurvivesAFail
     setActions(notes, false, {folderAction(QVActionOpen, entry, Value("viewer.desktop"))});
     children.start({viewer, "stay"});
     ASSERT_TRUE(eventually([] { return running("viewer.desktop"); }));
-    FolderList::singleton().setStatusText("as it was", false, face("Notes"));
+    QVSetFaceStatusText(face("Notes"), "as it was", false);
 
     OperationResult result = unlock("Notes");
     ASSERT_TRUE(result);

@@ -6,13 +6,13 @@
 
 #include <string>
 
-#include "app/TaskQueue.h"
+#include "tasks/TaskQueue.h"
 #include "disk/FileSystemVolumes.h"
 #include "integration/DiskMasterTestSupport.h"
 #include "tasks/BaseFolderTask.h"
 #include "tasks/LockFolderTask.h"
 #include "tasks/UnlockFolderTask.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 
 namespace qv::test {
 

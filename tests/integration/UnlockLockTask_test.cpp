@@ -26,7 +26,7 @@ TEST_F(UnlockLockTask, AFolderUnlocksAndLocksThroughItsTasks) {
     ASSERT_FALSE(unlock("Tax Papers of 2024"));
     EXPECT_TRUE(mounted("Tax Papers of 2024"));
     EXPECT_FALSE(f.locked().toBool());
-    EXPECT_FALSE(f.currentOp().as<Operation>()) << "the folder is let go";
+    EXPECT_FALSE(f.currentOp()) << "the folder is let go";
     EXPECT_NE(f.statusText().toString().find(" used"), std::string::npos) << "the row at rest";
     EXPECT_EQ(volnameAtURL(path).value_or(""), "Tax Papers of 20") << "was \"Vol\"; cut to the 16 bytes of a label";
     std::ofstream(path + "/return.txt") << "owed: nothing";
@@ -57,7 +57,7 @@ TEST_F(UnlockLockTask, WithoutItsImageAFolderIsNotUnlocked) {
     const QVRecordRef noImage = addFolder("No Image");
     fs::remove_all(DiskInfoRef{FolderRef{noImage}.diskinfo().as<QVRecord>()}.url().toURLPath());
     show();
-    FolderList::singleton().setStatusText("as it was", false, face("No Info"));
+    QVSetFaceStatusText(face("No Info"), "as it was", false);
 
     OperationResult result = unlock("No Info");
     ASSERT_TRUE(result);

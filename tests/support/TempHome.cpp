@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "app/UserDefaults.h"
-#include "disk/Locations.h"
+#include "vault/UserDefaults.h"
+#include "vault/Locations.h"
 
 namespace qv::test {
 

@@ -11,7 +11,7 @@
 #include "support/QtApp.h"
 #include "toolkit/LogCapture.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 #include "vault/Schemas.h"
 
 using namespace qv;
@@ -33,7 +33,7 @@ struct ScriptedTask : FolderTask<ScriptedTask> {
     std::weak_ptr<Operation> currentAtStart;  // weak: the task must not hold its own operation
     OperationResult go(const QVRecordRef& face) override {
         ran = true;
-        performBlockOnMainThread([&] { currentAtStart = FolderFaceRef{face}.currentOp().as<Operation>(); }, true);
+        performBlockOnMainThread([&] { currentAtStart = FolderFaceRef{face}.currentOp(); }, true);
         return body ? body(*this, face) : std::nullopt;
     }
 };
@@ -72,7 +72,7 @@ protected:
         ref.setFolder(Value(folder));
         return ref.record;
     }
-    OperationRef current() const { return FolderFaceRef{face}.currentOp().as<Operation>(); }
+    OperationRef current() const { return FolderFaceRef{face}.currentOp(); }
     bool finish(const OperationRef& op) {
         return test::processEventsUntil([&] { return op->isFinished(); }, 60000);
     }
@@ -108,7 +108,7 @@ TEST_F(FolderTaskTest, AFailedCurrentOperationStopsTheFollowerButAFailedTaskLets
         return QVError{QVAppErrorDomain(), 1001, "disk full"};
     });
     queue.addOperations({failed}, true);
-    FolderFaceRef{face}.setCurrentOp(Value(failed));
+    FolderFaceRef{face}.setCurrentOp(failed);
     auto follower = scripted(face, nullptr);
     ASSERT_TRUE(addFolderTask(queue, follower));
     ASSERT_TRUE(finish(follower));
@@ -202,7 +202,7 @@ TEST_F(FolderTaskTest, AnOperationCancelledOnItsQueueLeavesNoCycle) {
         addFolderTask(queue, next);
         ASSERT_TRUE(finish(next));
         EXPECT_TRUE(task(next)->ran);
-        FolderFaceRef{face}.setCurrentOp(Value(op));
+        FolderFaceRef{face}.setCurrentOp(op);
     }
     face.reset();
     EXPECT_TRUE(weakFace.expired());

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "support/TempHome.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/LogCapture.h"

@@ -56,10 +56,8 @@ TEST(QVRecord, FoldersRoundTripThroughTheArchive) {
     EXPECT_EQ(FolderRef{a2}.storage().as<QVRecord>(), FolderRef{b2}.storage().as<QVRecord>());
     EXPECT_EQ(FolderFaceRef{face2}.folder().as<QVRecord>(), a2);
 
-    class Live : public Object {  // a face's running operation is no archive material
-        std::string className() const override { return "LiveOperation"; }
-    };
-    face.setCurrentOp(Value(std::make_shared<Live>()));
+    // A face's running operation is no archive material.
+    face.setCurrentOp(BlockOperation::blockOperationWithVoidBlock([] {}));
     EXPECT_FALSE(archivedDataWithRootObject(Value(face.record), &error));
 
     // A record whose field is a bare value, not a box, is refused when read.

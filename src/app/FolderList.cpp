@@ -1,26 +1,26 @@
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <unordered_set>
 
 #include "app/AutoUnlockCount.h"
-#include "app/TaskQueue.h"
+#include "tasks/TaskQueue.h"
 #include "automation/ActionsCache.h"
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMaster.h"
 #include "disk/RescueFrontEnd.h"
 #include "disk/URLHelpers.h"
 #include "tasks/BaseFolderTask.h"
-#include "toolkit/HumanReadable.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
-#include "vault/FolderState.h"
+#include "disk/FolderState.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -66,50 +66,14 @@ public:
     }
 };
 
-FolderList::FolderList() : observer_(std::make_shared<CancelableObserver>()) {}
+FolderList::FolderList() : observer_(std::make_shared<CancelableObserver>()) {
+    // The layers below find the faces on show, and take one away, through this.
+    QVSetFolderFacesHost(this);
+}
 
 FolderList& FolderList::singleton() {
     static FolderList* list = new FolderList();  // lives as long as the process; never torn down at exit
     return *list;
-}
-
-Value FolderList::normalStatusColor() {
-    static const Value color(std::make_shared<QVColor>(0.345, 0.345, 0.345, 1.0));
-    return color;
-}
-
-Value FolderList::errorStatusColor() {
-    static const Value color(std::make_shared<QVColor>(0.8, 0.06, 0.13, 1.0));
-    return color;
-}
-
-bool FolderList::isErrorStatusColor(const Value& color) {
-    auto c = color.as<QVColor>();
-    auto e = errorStatusColor().as<QVColor>();
-    return c && c->red() == e->red() && c->green() == e->green() && c->blue() == e->blue() &&
-           c->alpha() == e->alpha();
-}
-
-void FolderList::setStatusText(const std::string& text, bool error, const QVRecordRef& face) {
-    if (!face) return;
-    FolderFaceRef ff{face};
-    ff.setStatusText(Value(text));
-    ff.setStatusColor(error ? errorStatusColor() : normalStatusColor());
-}
-
-void FolderList::displayFolderSizeInfo(const QVRecordRef& face) {
-    if (!face) return;
-    FolderFaceRef ff{face};
-    FolderRef folder{ff.folder().as<QVRecord>()};
-    DiskInfoRef diskinfo{folder.diskinfo().as<QVRecord>()};
-    // Sizes are unsigned 64-bit quantities kept in signed record numbers.
-    const uint64_t size = static_cast<uint64_t>(folder.folderSize().toInt());
-    const uint64_t capacity = static_cast<uint64_t>(diskinfo.capacity().toInt());
-    ff.setProgressAnimate(Value(false));
-    ff.setProgressIndeterminate(Value(false));
-    ff.setProgressPercentage(Value(capacity ? double(size) / double(capacity) : 0.0));
-    setStatusText(bytesToHumanReadableString(size) + " of " + bytesToHumanReadableString(capacity) + " used", false,
-                  face);
 }
 
 void FolderList::setActionIcon(bool flag, const QVRecordRef& face) {
@@ -174,11 +138,11 @@ void FolderList::setupFolderFace(const QVRecordRef& face) {
     const std::string path = folderPath(face);
     QVError reason;
     if (!path.empty() && checkResourceIsReachable(path, &reason)) {
-        displayFolderSizeInfo(face);
+        QVDisplayFolderSizeInfo(face);
         ff.setLocked(Value(!QVFolderIsUnlocked(folder, nullptr)));
     } else {
         QV_LOG_WARN(QVFormat("folder mountpoint unreachable '%s': %s", path.c_str(), reason.description.c_str()));
-        setStatusText("Mountpoint missing!", true, face);
+        QVSetFaceStatusText(face, "Mountpoint missing!", true);
         ff.setLocked(Value(true));
     }
     setActionIcon(true, face);

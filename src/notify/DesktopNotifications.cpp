@@ -1,4 +1,4 @@
-#include "ui/logic/DesktopNotifications.h"
+#include "notify/DesktopNotifications.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "toolkit/Log.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 
 namespace qv {
 

@@ -1,6 +1,6 @@
 // Kept apart from the other record makers: it alone needs the mount test of disk/,
 // so programs that never make a face don't link it.
-#include "vault/FolderState.h"
+#include "disk/FolderState.h"
 #include "vault/Schemas.h"
 
 namespace qv {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "ui/logic/NotificationDelivery.h"
+#include "notify/NotificationDelivery.h"
 
 namespace qv {
 

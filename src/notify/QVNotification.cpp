@@ -1,6 +1,6 @@
-#include "ui/logic/QVNotification.h"
+#include "notify/QVNotification.h"
 
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 
 namespace qv {
 

@@ -1,7 +1,7 @@
 // Applications as desktop entries: which file an id names, what is no
 // application, and which processes are the instances of one: a quit request
 // must never reach a process that merely looks alike.
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 
 #include <gtest/gtest.h>
 

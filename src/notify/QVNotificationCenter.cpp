@@ -1,4 +1,4 @@
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 
 #include <QCoreApplication>
 #include <algorithm>
@@ -9,9 +9,9 @@
 
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "ui/logic/DesktopNotifications.h"
-#include "ui/logic/QVNotificationColor.h"
-#include "ui/logic/QVUserDefaultsPreferencesProvider.h"
+#include "notify/DesktopNotifications.h"
+#include "notify/QVNotificationColor.h"
+#include "notify/QVUserDefaultsPreferencesProvider.h"
 
 namespace qv {
 

@@ -1,4 +1,4 @@
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 
 #include <QSettings>
 #include <QStandardPaths>

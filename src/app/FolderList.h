@@ -1,9 +1,11 @@
 #pragma once
 // The folder list: the owner of the FolderFace of every folder on show and of the
-// Folder Set they come from, the one writer of a face's status line at rest, and
+// Folder Set they come from, and
 // the place where the user's operations on folders (encrypt, lock, unlock,
 // remove, reorder, open) reach the database and the task queue. A model without
-// widgets: the desktop window and qv both drive it.
+// widgets: the desktop window and qv both drive it. A face's progress and
+// status line are set through vault/FacePresentation.h from any layer; the
+// list observes the faces.
 //
 // Main thread only: tasks reach these operations through blocks posted to the
 // main thread (toolkit/MainThread.h), never by calling them from their own thread.
@@ -15,13 +17,14 @@
 #include <vector>
 
 #include "toolkit/OperationQueue.h"
+#include "vault/FacePresentation.h"
 #include "vault/QVRecord.h"
 
 namespace qv {
 
 class DBSubdb;
 
-class FolderList {
+class FolderList : public FolderFacesHost {
 public:
     // The one list of the process.
     static FolderList& singleton();
@@ -29,9 +32,9 @@ public:
     // ------------------------------------------------------------ the set on show
 
     // The faces on show, in `position` order.
-    const std::vector<QVRecordRef>& faces() const { return faces_; }
+    const std::vector<QVRecordRef>& faces() const override { return faces_; }
     // The Folder Set on show, or null.
-    const std::shared_ptr<DBSubdb>& subdb() const { return subdb_; }
+    const std::shared_ptr<DBSubdb>& subdb() const override { return subdb_; }
 
     // Shows `subdb`: the faces of the set on show stop being observed and that set
     // goes back to its master database (unless it is `subdb` itself); then one
@@ -60,7 +63,7 @@ public:
     bool toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld = false);
     // Takes the face out of the list and its folder out of the set, and saves the
     // set (a failed save is not reported).
-    void removeFolderFace(const QVRecordRef& face);
+    void removeFolderFace(const QVRecordRef& face) override;
     // The user gives up on a folder (the clicked face; null does nothing). With
     // its image at hand, the image and its password are rescued to a place the
     // user picks (queued to the main thread; a cancel keeps the folder). With
@@ -125,29 +128,12 @@ public:
     // The face whose details are on show (the front end says), for the action icons.
     void setDetailsFace(const QVRecordRef& face) { detailsFace_ = face; }
 
-    // ------------------------------------------------------------ status line
-
-    // Sets the face's status line, then its colour: the error colour when `error`,
-    // else the normal one. A null face is ignored.
-    void setStatusText(const std::string& text, bool error, const QVRecordRef& face);
-
-    // The row at rest: progress stopped (not animating, not indeterminate), the bar
-    // at folderSize / capacity of the folder's image (0 when the capacity is
-    // unknown or 0), and "<size> of <capacity> used" in the normal colour.
-    void displayFolderSizeInfo(const QVRecordRef& face);
+    // ------------------------------------------------------------ action control
 
     // The icon pair of the row's action control: true gives "Info"/"InfoPressed"
     // ("Back"/"BackPressed" while the face's details are on show); false gives
     // the cancel pair.
     void setActionIcon(bool flag, const QVRecordRef& face);
-
-    // The two status colours, each made once and then shared: grey 0.345 for
-    // normal text, red (0.8, 0.06, 0.13) for errors; both opaque.
-    static Value normalStatusColor();
-    static Value errorStatusColor();
-    // Whether a face's statusColor shows an error (compared by its components, so
-    // a colour read back from elsewhere counts too).
-    static bool isErrorStatusColor(const Value& color);
 
 private:
     FolderList();

@@ -1,7 +1,7 @@
-#include "ui/logic/QVUserDefaultsPreferencesProvider.h"
+#include "notify/QVUserDefaultsPreferencesProvider.h"
 
 #include "toolkit/Log.h"
-#include "ui/logic/QVNotificationColor.h"
+#include "notify/QVNotificationColor.h"
 
 namespace qv {
 

@@ -37,8 +37,8 @@
 #include <string>
 #include <vector>
 
-#include "ui/logic/NotificationDelivery.h"
-#include "ui/logic/QVNotification.h"
+#include "notify/NotificationDelivery.h"
+#include "notify/QVNotification.h"
 #include "vault/Value.h"
 
 namespace qv {

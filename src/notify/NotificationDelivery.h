@@ -4,7 +4,7 @@
 // deliveries are installed and chosen.
 #include <memory>
 
-#include "ui/logic/QVNotification.h"
+#include "notify/QVNotification.h"
 
 namespace qv {
 

@@ -2,7 +2,7 @@
 // and in which order the tests stop, the question about ~/.local, and the
 // places that must never go into an image (our data, our images, the program,
 // other protected folders).
-#include "ui/logic/FolderIntake.h"
+#include "app/FolderIntake.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "disk/FileSystemVolumes.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "support/TempHome.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "app/FolderList.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 

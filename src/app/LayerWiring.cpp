@@ -1,13 +1,18 @@
-// The task classes behind the folder list's operations, for qv.
-#include "cli/Cli.h"
+#include "app/LayerWiring.h"
+
+#include "app/FolderList.h"
+#include "automation/ActionsManager.h"
 #include "tasks/EncryptFolderTask.h"
+#include "tasks/FolderActionsRunner.h"
 #include "tasks/LockFolderTask.h"
 #include "tasks/UnlockFolderTask.h"
-#include "ui/logic/FolderList.h"
 
-namespace qv::cli {
+namespace qv {
 
-void installTaskMakers() {
+void QVConnectLayers() {
+    static ActionsManager actions;  // stateless; lives as long as the process
+    QVSetFolderActionsRunner(&actions);
+
     FolderList::TaskMakers makers;
     makers.encrypt = [](const QVRecordRef& face) { return EncryptFolderTask::taskWithFolderFace(face); };
     makers.lock = [](const QVRecordRef& face) { return LockFolderTask::taskWithFolderFace(face); };
@@ -17,4 +22,4 @@ void installTaskMakers() {
     FolderList::singleton().setTaskMakers(std::move(makers));
 }
 
-} // namespace qv::cli
+} // namespace qv

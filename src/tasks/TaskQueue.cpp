@@ -1,4 +1,4 @@
-#include "app/TaskQueue.h"
+#include "tasks/TaskQueue.h"
 
 namespace qv {
 

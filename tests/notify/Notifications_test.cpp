@@ -10,8 +10,8 @@
 
 #include "support/QtApp.h"
 #include "toolkit/LogCapture.h"
-#include "ui/logic/NotificationConsole.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/NotificationConsole.h"
+#include "notify/QVNotificationCenter.h"
 
 using namespace qv;
 using qv::test::LogCapture;

@@ -1,4 +1,4 @@
-#include "ui/logic/QVNotificationColor.h"
+#include "notify/QVNotificationColor.h"
 
 #include <cmath>
 

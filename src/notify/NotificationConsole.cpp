@@ -1,4 +1,4 @@
-#include "ui/logic/NotificationConsole.h"
+#include "notify/NotificationConsole.h"
 
 #include <cerrno>
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "toolkit/Log.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "notify/QVNotificationCenter.h"
 
 namespace qv {
 

@@ -2,8 +2,8 @@
 // Answers the notification centre's preferences from the user defaults. A key
 // naming a colour gives the stored colour as four reals, or nothing (and a log
 // line) when what is stored isn't a colour, so that the built-in default applies.
-#include "app/UserDefaults.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "vault/UserDefaults.h"
+#include "notify/QVNotificationCenter.h"
 
 namespace qv {
 

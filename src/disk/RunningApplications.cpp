@@ -2,7 +2,7 @@
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
 
-#include "automation/RunningApplications.h"
+#include "disk/RunningApplications.h"
 
 #include <fcntl.h>
 #include <limits.h>

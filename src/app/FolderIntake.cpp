@@ -1,4 +1,4 @@
-#include "ui/logic/FolderIntake.h"
+#include "app/FolderIntake.h"
 
 #include <QDir>
 #include <QString>
@@ -11,14 +11,14 @@
 #include <unistd.h>
 #include <vector>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "disk/FileSystemVolumes.h"
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 #include "disk/StorageLocations.h"
 #include "disk/URLHelpers.h"
 #include "toolkit/Log.h"
-#include "ui/logic/FolderList.h"
-#include "ui/logic/QVNotificationCenter.h"
+#include "app/FolderList.h"
+#include "notify/QVNotificationCenter.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 #include "toolkit/PathText.h"

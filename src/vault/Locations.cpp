@@ -1,4 +1,4 @@
-#include "disk/Locations.h"
+#include "vault/Locations.h"
 
 #include <filesystem>
 

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "ui/logic/NotificationDelivery.h"
+#include "notify/NotificationDelivery.h"
 
 namespace qv {
 

@@ -1,13 +1,13 @@
 // The folder list as a model: what loading, removing, reordering, searching and
 // the lock switch do to the faces, the Folder Set and the task queue.
-#include "ui/logic/FolderList.h"
+#include "app/FolderList.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 
-#include "app/UserDefaults.h"
+#include "vault/UserDefaults.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "tasks/BaseFolderTask.h"
