@@ -4,6 +4,7 @@
 
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
+#include "toolkit/PathText.h"
 #include "ui/logic/FolderList.h"
 #include "ui/logic/QVNotificationCenter.h"
 #include "vault/FolderState.h"
@@ -23,10 +24,7 @@ QVRecordRef folderOf(const QVRecordRef& face) {
 
 // The folder's name as the user knows it: the last component of its mount point.
 std::string folderName(const QVRecordRef& face) {
-    std::string path = FolderRef{folderOf(face)}.mountpoint().toURLPath();
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
+    return QVLastPathComponent(FolderRef{folderOf(face)}.mountpoint().toURLPath());
 }
 
 } // namespace
