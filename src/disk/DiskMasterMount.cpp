@@ -441,7 +441,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
     std::optional<Holder> holder;
     long status = runError.code;
     std::string why = trimmedMessage(runError.description);
-    if (!runError.empty() && runError.code == 1) {
+    if (!runError.empty() && runError.code == QVImageExitFailure) {
         // Not a mount qv-image made: perhaps one of the alternative mount.
         std::string servedWhy;
         switch (unmountServedDiskVolume(mount, forcefully, &holder, &servedWhy)) {

@@ -32,11 +32,11 @@ struct FreeRanges {
 bool findFreeRanges(const std::string& disk, uint64_t diskSize, FreeRanges* out, QVError* error) {
     ext2_filsys fs = nullptr;
     errcode_t err = ext2fs_open2(disk.c_str(), nullptr, EXT2_FLAG_64BITS, 0, 0, unix_io_manager, &fs);
-    if (err) return fail(error, ExitFailure, std::string("cannot open the file system: ") + error_message(err));
+    if (err) return fail(error, QVImageExitFailure, std::string("cannot open the file system: ") + error_message(err));
     err = ext2fs_read_block_bitmap(fs);
     if (err) {
         ext2fs_close_free(&fs);
-        return fail(error, ExitFailure, std::string("cannot read the block bitmap: ") + error_message(err));
+        return fail(error, QVImageExitFailure, std::string("cannot read the block bitmap: ") + error_message(err));
     }
     const uint64_t blockSize = fs->blocksize;
     const blk64_t first = fs->super->s_first_data_block;
@@ -93,8 +93,8 @@ int runCompact(const std::vector<std::string>& words, const VerbContext&, QVErro
     const uint64_t after = image.storedBytes();
     const uint64_t reclaimed = before > after ? before - after : 0;
     std::printf("Reclaimed %s out of %s possible.\n", humanSize(reclaimed).c_str(), humanSize(free.freeBytes).c_str());
-    if (std::fflush(stdout) != 0) return refuse(error, ExitFailure, "cannot write to standard output");
-    return ExitOK;
+    if (std::fflush(stdout) != 0) return refuse(error, QVImageExitFailure, "cannot write to standard output");
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

@@ -74,10 +74,10 @@ bool writeHiddenFile(const std::string& disk, QVError* error) {
     if (ok) r = runProgram(kDebugfs, {"-w", "-f", commands, disk});
     removeTree(dir);
     if (!ok) return failErrno(error, int(e.code), "cannot prepare .hidden");
-    if (!r.ok()) return fail(error, ExitFailure, "cannot write .hidden: " + r.summary());
+    if (!r.ok()) return fail(error, QVImageExitFailure, "cannot write .hidden: " + r.summary());
     ProgramResult check = runProgram(kDebugfs, {"-R", "cat /.hidden", disk});
     if (!check.ok() || check.out != "lost+found\n")
-        return fail(error, ExitFailure, "cannot write .hidden: " + (check.ok() ? r.summary() : check.summary()));
+        return fail(error, QVImageExitFailure, "cannot write .hidden: " + (check.ok() ? r.summary() : check.summary()));
     return true;
 }
 
@@ -91,15 +91,15 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
 
     ImageInfo info;
     const std::string* encryption = args.value("-encryption");
-    if (!encryption) return refuse(error, ExitUsage, "-encryption is required (AES-256 or AES-128)");
+    if (!encryption) return refuse(error, QVImageExitUsage, "-encryption is required (AES-256 or AES-128)");
     if (*encryption == "AES-256")
         info.encryption = Encryption::AES256;
     else if (*encryption == "AES-128")
         info.encryption = Encryption::AES128;
     else
-        return refuse(error, ExitUsage, "unknown encryption '" + *encryption + "' (AES-256 or AES-128)");
+        return refuse(error, QVImageExitUsage, "unknown encryption '" + *encryption + "' (AES-256 or AES-128)");
     if (const std::string* type = args.value("-type"); type && *type != "SPARSEBUNDLE")
-        return refuse(error, ExitUsage, "unknown image type '" + *type + "' (SPARSEBUNDLE)");
+        return refuse(error, QVImageExitUsage, "unknown image type '" + *type + "' (SPARSEBUNDLE)");
     bool journal = true;
     if (const std::string* fs = args.value("-fs")) {
         if (*fs == "HFS+J")
@@ -107,10 +107,10 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
         else if (*fs == "HFS+")
             journal = false;
         else
-            return refuse(error, ExitUsage, "unknown file system '" + *fs + "' (HFS+J or HFS+)");
+            return refuse(error, QVImageExitUsage, "unknown file system '" + *fs + "' (HFS+J or HFS+)");
     }
     const std::string* sizeWord = args.value("-size");
-    if (!sizeWord) return refuse(error, ExitUsage, "-size is required");
+    if (!sizeWord) return refuse(error, QVImageExitUsage, "-size is required");
     if (!parseImageSize(*sizeWord, &info.size, error)) return exitStatusOf(error);
     const std::string label = labelFor(args.value("-volname") ? *args.value("-volname") : "untitled");
 
@@ -122,7 +122,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     if (target.filename().empty()) target = target.parent_path();
     const std::string name = target.filename().string();
     if (name.empty() || name == "." || name == "..")
-        return refuse(error, ExitUsage, "bad image path '" + args.positional + "'");
+        return refuse(error, QVImageExitUsage, "bad image path '" + args.positional + "'");
     char parentBuf[PATH_MAX];
     if (!::realpath(target.parent_path().c_str(), parentBuf))
         return refuseErrno(error, errno, "cannot use the folder of '" + args.positional + "'");
@@ -133,14 +133,14 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     int oldFd = -1;
     struct stat st {};
     if (::lstat(path.c_str(), &st) == 0) {
-        if (!args.has("-ov")) return refuse(error, ExitFailure, "'" + path + "' already exists");
+        if (!args.has("-ov")) return refuse(error, QVImageExitFailure, "'" + path + "' already exists");
         if (!S_ISDIR(st.st_mode) || !isReplaceable(path))
-            return refuse(error, ExitFailure, "'" + path + "' is not an image; not replacing it");
+            return refuse(error, QVImageExitFailure, "'" + path + "' is not an image; not replacing it");
         oldFd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         if (oldFd < 0) return refuseErrno(error, errno, "cannot open '" + path + "'");
         if (::flock(oldFd, LOCK_EX | LOCK_NB) != 0) {
             ::close(oldFd);
-            return refuse(error, ExitAttached, "'" + path + "' is attached; not replacing it");
+            return refuse(error, QVImageExitAttached, "'" + path + "' is attached; not replacing it");
         }
     } else if (errno != ENOENT) {
         return refuseErrno(error, errno, "cannot reach '" + path + "'");
@@ -154,7 +154,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
 
     struct statvfs vfs {};
     if (::statvfs(parent.c_str(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kRoomToChange)
-        return refuse(error, ExitNoSpace, "not enough space in '" + parent + "' for a new image");
+        return refuse(error, QVImageExitNoSpace, "not enough space in '" + parent + "' for a new image");
 
     std::string staging = parent + "/." + name + ".qv-new-XXXXXX";
     if (!::mkdtemp(staging.data())) return refuseErrno(error, errno, "cannot make a folder in '" + parent + "'");
@@ -200,7 +200,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
                                 unsigned(::getuid()), unsigned(::getgid())));
         mkfs.push_back(device.disk());
         ProgramResult r = runProgram(kMkfsExt4, mkfs);
-        if (!r.ok()) return refuse(error, ExitFailure, "mkfs.ext4 failed: " + r.summary());
+        if (!r.ok()) return refuse(error, QVImageExitFailure, "mkfs.ext4 failed: " + r.summary());
         if (!writeHiddenFile(device.disk(), error)) return exitStatusOf(error);
         if (!device.stop(error)) return exitStatusOf(error);
     }
@@ -218,7 +218,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
         stagingGuard.keep = true;
     }
     if (!QVSyncDirectory(parent, &e)) return refuseErrno(error, int(e.code), "cannot sync '" + parent + "'");
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

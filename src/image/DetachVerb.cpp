@@ -65,12 +65,12 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     const bool force = args.has("-force");
     char resolved[PATH_MAX];
     if (!::realpath(args.positional.c_str(), resolved))
-        return refuse(error, ExitFailure, "'" + args.positional + "' is not an attached image");
+        return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
     const std::string target = resolved;
     std::string base;
     if (!runtimeBase(&base, error)) return exitStatusOf(error);
     auto found = findAttachment(target, base);
-    if (!found) return refuse(error, ExitFailure, "'" + args.positional + "' is not an attached image");
+    if (!found) return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
     Attachment a = *found;
     const FlushPause pause(a.dir);
     std::set<pid_t> ours{a.devicePid};
@@ -79,7 +79,8 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     const bool mounted = !a.mountPoint.empty() && mountAt(a.mountPoint).has_value();
     if (mounted) {
         if (!force) {
-            if (auto holder = findHolder(a.mountPoint, ours)) return refuse(error, ExitBusy, busyMessage(a.mountPoint, holder));
+            if (auto holder = findHolder(a.mountPoint, ours))
+                return refuse(error, QVImageExitBusy, busyMessage(a.mountPoint, holder));
         }
         ProgramResult r;
         if (a.layer == "kernel" || ::geteuid() == 0) {
@@ -89,18 +90,20 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
             r = force ? runProgram(kFusermount3, {"-u", "-z", a.mountPoint}) : runProgram(kFusermount3, {"-u", a.mountPoint});
         }
         if (!r.ok()) {
-            if (looksBusy(r)) return refuse(error, ExitBusy, busyMessage(a.mountPoint, findHolder(a.mountPoint, ours)));
-            return refuse(error, ExitFailure, "cannot unmount '" + a.mountPoint + "': " + r.summary());
+            if (looksBusy(r))
+                return refuse(error, QVImageExitBusy, busyMessage(a.mountPoint, findHolder(a.mountPoint, ours)));
+            return refuse(error, QVImageExitFailure, "cannot unmount '" + a.mountPoint + "': " + r.summary());
         }
     } else if (a.mountPoint.empty() && !force) {
         // A disk served without mount: nobody may still have it open.
-        if (auto holder = findHolder(a.devEntry, ours)) return refuse(error, ExitBusy, busyMessage(a.devEntry, holder));
+        if (auto holder = findHolder(a.devEntry, ours))
+            return refuse(error, QVImageExitBusy, busyMessage(a.devEntry, holder));
     }
 
     if (force) {
         // The device process ends once the last user of the disk is gone.
         requestDeviceStop(a.devicePid);
-        return ExitOK;
+        return QVImageExitOK;
     }
     if (mounted && a.layer == "kernel" && ::geteuid() == 0) {
         // The loop device goes by itself with the unmount; one that stays would
@@ -109,7 +112,7 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
             for (const auto& loop : loopDevicesOf(a.devEntry)) runProgram(kLosetup, {"-d", loop});
     }
     if (!stopDeviceServer(a.dir, a.devicePid, true, kDetachWait, error)) return exitStatusOf(error);
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

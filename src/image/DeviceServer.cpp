@@ -602,7 +602,7 @@ bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions
             int status = 0;
             ::waitpid(child, &status, 0);
         }
-        return fail(error, ExitFailure,
+        return fail(error, QVImageExitFailure,
                     message.size() > 1 && message[0] == 'E' ? message.substr(1) : "the device process did not start");
     }
     *pid = server;
@@ -631,9 +631,10 @@ bool stopDeviceServer(const std::string& attachmentDir, pid_t pid, bool wait, st
     // Our own child: reap it and learn whether its last sync worked.
     int status = 0;
     pid_t reaped = ::waitpid(pid, &status, ended ? 0 : WNOHANG);
-    if (!ended) return fail(error, ExitFailure, "the disk is still in use; it will be released once it is closed");
+    if (!ended)
+        return fail(error, QVImageExitFailure, "the disk is still in use; it will be released once it is closed");
     if (reaped == pid && !(WIFEXITED(status) && WEXITSTATUS(status) == 0))
-        return fail(error, ExitFailure, "the disk could not be written out completely");
+        return fail(error, QVImageExitFailure, "the disk could not be written out completely");
     return true;
 }
 

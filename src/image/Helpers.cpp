@@ -304,7 +304,7 @@ bool runtimeBase(std::string* base, QVError* error) {
         candidate = "/tmp/qv-image-" + std::to_string(::geteuid());
     }
     if (!privateDirectory(candidate, true))
-        return fail(error, ExitFailure, "no private runtime directory at '" + candidate + "'");
+        return fail(error, QVImageExitFailure, "no private runtime directory at '" + candidate + "'");
     *base = candidate;
     return true;
 }

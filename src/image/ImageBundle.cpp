@@ -117,11 +117,12 @@ bool makeDiskKey(Encryption encryption, SecureBytes* key, QVError* error) {
     const size_t n = xtsKeyLength(encryption);
     key->resize(n);
     for (int attempt = 0; attempt < 8; ++attempt) {
-        if (RAND_bytes(key->data(), int(n)) != 1) return fail(error, ExitFailure, "no random bytes for the disk key");
+        if (RAND_bytes(key->data(), int(n)) != 1)
+            return fail(error, QVImageExitFailure, "no random bytes for the disk key");
         // XTS needs two different AES keys.
         if (std::memcmp(key->data(), key->data() + n / 2, n / 2) != 0) return true;
     }
-    return fail(error, ExitFailure, "the random generator keeps repeating itself");
+    return fail(error, QVImageExitFailure, "the random generator keeps repeating itself");
 }
 
 bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* token, QVError* error) {
@@ -130,7 +131,7 @@ bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* tok
     auto container = QVCrypto::encrypt(plain, pw);
     QVWipe(plain);
     QVWipe(pw);
-    if (!container) return fail(error, ExitFailure, "cannot wrap the disk key");
+    if (!container) return fail(error, QVImageExitFailure, "cannot wrap the disk key");
     *token = std::move(*container);
     return true;
 }
@@ -145,7 +146,7 @@ bool tokenLooksValid(const Bytes& token, Encryption encryption) {
 
 bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes& password, SecureBytes* key,
                    QVError* error) {
-    if (!tokenLooksValid(token, encryption)) return fail(error, ExitNotAnImage, "the image's token is damaged");
+    if (!tokenLooksValid(token, encryption)) return fail(error, QVImageExitNotAnImage, "the image's token is damaged");
     SecureBytes out(token.size());
     size_t outLength = 0;
     // The time limit only guards against absurd parameters: a token we made
@@ -156,19 +157,20 @@ bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes&
     case 0:
         break;
     case 11:
-        return fail(error, ExitWrongPassword, "wrong password");
+        return fail(error, QVImageExitWrongPassword, "wrong password");
     case 7:
     case 8:
-        return fail(error, ExitNotAnImage, "the image's token is damaged");
+        return fail(error, QVImageExitNotAnImage, "the image's token is damaged");
     case 9:
     case 10:
-        return fail(error, ExitNotAnImage, "the image's token asks for more memory or time than this machine has");
+        return fail(error, QVImageExitNotAnImage,
+                    "the image's token asks for more memory or time than this machine has");
     default:
-        return fail(error, ExitFailure, QVFormat("cannot unwrap the disk key (error %d)", rc));
+        return fail(error, QVImageExitFailure, QVFormat("cannot unwrap the disk key (error %d)", rc));
     }
     const size_t n = xtsKeyLength(encryption);
     if (outLength != n || std::memcmp(out.data(), out.data() + n / 2, n / 2) == 0)
-        return fail(error, ExitNotAnImage, "the image's token holds no usable key");
+        return fail(error, QVImageExitNotAnImage, "the image's token holds no usable key");
     key->assign(out.data(), n);
     return true;
 }
@@ -186,18 +188,20 @@ bool ImageBundle::open(const std::string& path, QVError* error) {
     close();
     char resolved[PATH_MAX];
     if (!::realpath(path.c_str(), resolved)) {
-        if (errno == ENOENT || errno == ENOTDIR) return fail(error, ExitNotAnImage, "no image at '" + path + "'");
+        if (errno == ENOENT || errno == ENOTDIR)
+            return fail(error, QVImageExitNotAnImage, "no image at '" + path + "'");
         return failErrno(error, errno, "cannot reach '" + path + "'");
     }
     struct stat st {};
     if (::stat(resolved, &st) != 0) return failErrno(error, errno, "cannot reach '" + path + "'");
-    if (!S_ISDIR(st.st_mode)) return fail(error, ExitNotAnImage, "'" + path + "' is not an image (not a directory)");
+    if (!S_ISDIR(st.st_mode))
+        return fail(error, QVImageExitNotAnImage, "'" + path + "' is not an image (not a directory)");
     int dirFd = ::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dirFd < 0) return failErrno(error, errno, "cannot open '" + path + "'");
 
     auto notAnImage = [&](const std::string& why) {
         ::close(dirFd);
-        return fail(error, ExitNotAnImage, "'" + path + "' is not a usable image: " + why);
+        return fail(error, QVImageExitNotAnImage, "'" + path + "' is not a usable image: " + why);
     };
     std::optional<ImageInfo> info;
     std::string whyPlist, whyBackup;
@@ -237,7 +241,7 @@ bool ImageBundle::open(const std::string& path, QVError* error) {
 bool ImageBundle::lock(QVError* error) {
     if (locked_) return true;
     if (::flock(dirFd_, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return fail(error, ExitAttached, "'" + path_ + "' is already attached");
+        if (errno == EWOULDBLOCK) return fail(error, QVImageExitAttached, "'" + path_ + "' is already attached");
         return failErrno(error, errno, "cannot lock '" + path_ + "'");
     }
     locked_ = true;
@@ -256,7 +260,7 @@ bool ImageBundle::lockedElsewhere() const {
 
 bool ImageBundle::writeInfo(const ImageInfo& info, QVError* error) {
     const Bytes bytes = infoPlistBytes(info);
-    if (bytes.empty()) return fail(error, ExitFailure, "cannot describe the image");
+    if (bytes.empty()) return fail(error, QVImageExitFailure, "cannot describe the image");
     QVError e;
     // The copy first: at every moment one of the two describes the image.
     for (const char* name : {"/Info.bckup", "/Info.plist"}) {
@@ -331,7 +335,7 @@ bool writeNewImageFiles(const std::string& dir, const ImageInfo& info, const Byt
     if (!QVWriteFileAtomically(dir + "/token", token, &e, 0600))
         return failErrno(error, int(e.code), "cannot write the token");
     const Bytes plist = infoPlistBytes(info);
-    if (plist.empty()) return fail(error, ExitFailure, "cannot describe the image");
+    if (plist.empty()) return fail(error, QVImageExitFailure, "cannot describe the image");
     for (const char* name : {"/Info.plist", "/Info.bckup"})
         if (!QVWriteFileAtomically(dir + name, plist, &e, 0600))
             return failErrno(error, int(e.code), std::string("cannot write ") + (name + 1));
