@@ -17,7 +17,10 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/MountTable.h"
+#include "sys/ProcList.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "vault/PropertyList.h"
 
 namespace qv::image {
@@ -38,8 +41,8 @@ bool checkMountPoint(const std::string& given, std::string* canonical, QVError* 
     if (!S_ISDIR(st.st_mode))
         return fail(error, QVImageExitBadMountPoint, "mount point '" + given + "' is not a directory");
     const std::string path = resolved;
-    const std::string up = path == "/" ? "/" : path.substr(0, std::max<size_t>(1, path.find_last_of('/')));
-    if (path == "/" || mountAt(path) || (::stat(up.c_str(), &parent) == 0 && parent.st_dev != st.st_dev))
+    const std::string up = QVParentPath(path);
+    if (path == "/" || QVMountAt(path) || (::stat(up.c_str(), &parent) == 0 && parent.st_dev != st.st_dev))
         return fail(error, QVImageExitBadMountPoint, "'" + given + "' is a mount point already");
     DIR* dir = ::opendir(resolved);
     if (!dir) return failErrno(error, errno, "cannot read mount point '" + given + "'", QVImageExitBadMountPoint);
@@ -67,11 +70,11 @@ bool mountWithFuse2fs(Attachment* a, bool nobrowse, QVError* error) {
     // without mounting, so the mount table has the last word.
     ProgramResult r = runProgram(kFuse2fs, args);
     if (!r.ok()) return fail(error, QVImageExitFailure, "fuse2fs failed: " + r.summary());
-    if (!waitUntil([&] { return mountAt(a->mountPoint).has_value(); }, std::chrono::seconds(10)))
+    if (!waitUntil([&] { return QVMountAt(a->mountPoint).has_value(); }, std::chrono::seconds(10)))
         return fail(error, QVImageExitFailure, "fuse2fs did not mount the volume: " + r.summary());
     std::vector<std::string> argv{kFuse2fs};
     argv.insert(argv.end(), args.begin(), args.end());
-    a->fsPid = findProcessByArguments(argv);
+    a->fsPid = QVFindProcessByArguments(argv);
     if (nobrowse && ::geteuid() == 0) {
         // FUSE takes no user-space options; the mount table of user-space
         // options (utab), where file managers look for x-gvfs-hide, is written
@@ -88,15 +91,15 @@ bool mountWithKernel(Attachment* a, bool nobrowse, QVError* error) {
     if (nobrowse) options += ",x-gvfs-hide";
     ProgramResult r = runProgram(kMount, {"-t", "ext4", "-o", options, a->devEntry, a->mountPoint});
     if (!r.ok()) return fail(error, QVImageExitFailure, "mount failed: " + r.summary());
-    std::optional<MountEntry> m;
-    if (!waitUntil([&] { return (m = mountAt(a->mountPoint)).has_value(); }, std::chrono::seconds(10)))
+    std::optional<QVMountEntry> m;
+    if (!waitUntil([&] { return (m = QVMountAt(a->mountPoint)).has_value(); }, std::chrono::seconds(10)))
         return fail(error, QVImageExitFailure, "the kernel did not mount the volume");
     a->loopDevice = m->source;
     return true;
 }
 
 void unmountAfterFailure(const Attachment& a) {
-    if (a.mountPoint.empty() || !mountAt(a.mountPoint)) return;
+    if (a.mountPoint.empty() || !QVMountAt(a.mountPoint)) return;
     if (a.layer == "kernel" || ::geteuid() == 0) {
         runProgram(kUmount, {"-i", "-l", a.mountPoint});
     } else {
@@ -152,14 +155,14 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     std::string base;
     if (!runtimeBase(&base, error)) return exitStatusOf(error);
     sweepStaleAttachments(base);
-    int lockFd = -1;
-    if (!makeAttachmentDir(base, &a.dir, &lockFd, error)) return exitStatusOf(error);
+    UniqueFd lock;
+    if (!makeAttachmentDir(base, &a.dir, &lock, error)) return exitStatusOf(error);
     a.devEntry = devEntryOf(a.dir);
     DeviceOptions options;
     options.attachmentDir = a.dir;
     options.detached = true;
-    const bool started = startDeviceServer(image, key, options, lockFd, &a.devicePid, error);
-    ::close(lockFd);
+    const bool started = startDeviceServer(image, key, options, lock.get(), &a.devicePid, error);
+    lock.reset();
     if (!started) {
         removeAttachmentDir(a.dir);
         return exitStatusOf(error);

@@ -16,6 +16,7 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -74,21 +75,15 @@ int runCompact(const std::vector<std::string>& words, const VerbContext&, QVErro
     if (!checkFileSystem(image, device.disk(), false, error)) return exitStatusOf(error);
     FreeRanges free;
     if (!findFreeRanges(device.disk(), image.info().size, &free, error)) return exitStatusOf(error);
-    int fd = ::open(device.disk().c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return refuseErrno(error, errno, "cannot open the disk");
+    UniqueFd fd(::open(device.disk().c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd) return refuseErrno(error, errno, "cannot open the disk");
     for (const auto& [offset, length] : free.ranges) {
-        if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(offset), off_t(length)) != 0) {
-            const int err = errno;
-            ::close(fd);
-            return refuseErrno(error, err, "cannot discard free space");
-        }
+        if (::fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(offset), off_t(length)) != 0)
+            return refuseErrno(error, errno, "cannot discard free space");
     }
-    if (::fsync(fd) != 0) {
-        const int err = errno;
-        ::close(fd);
-        return refuseErrno(error, err, "cannot sync the disk");
-    }
-    ::close(fd);
+    if (::fsync(fd.get()) != 0) return refuseErrno(error, errno, "cannot sync the disk");
+    // Closed before the device stops: it stops only once nobody has the disk open.
+    fd.reset();
     if (!device.stop(error)) return exitStatusOf(error);
     const uint64_t after = image.storedBytes();
     const uint64_t reclaimed = before > after ? before - after : 0;

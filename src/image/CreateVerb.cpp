@@ -19,6 +19,7 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 
@@ -130,27 +131,19 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     const std::string path = parent + "/" + name;
 
     // What is at the path already: only an image (or an empty folder) is ever replaced.
-    int oldFd = -1;
+    UniqueFd oldLock;
     struct stat st {};
     if (::lstat(path.c_str(), &st) == 0) {
         if (!args.has("-ov")) return refuse(error, QVImageExitFailure, "'" + path + "' already exists");
         if (!S_ISDIR(st.st_mode) || !isReplaceable(path))
             return refuse(error, QVImageExitFailure, "'" + path + "' is not an image; not replacing it");
-        oldFd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        if (oldFd < 0) return refuseErrno(error, errno, "cannot open '" + path + "'");
-        if (::flock(oldFd, LOCK_EX | LOCK_NB) != 0) {
-            ::close(oldFd);
+        oldLock.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+        if (!oldLock) return refuseErrno(error, errno, "cannot open '" + path + "'");
+        if (::flock(oldLock.get(), LOCK_EX | LOCK_NB) != 0)
             return refuse(error, QVImageExitAttached, "'" + path + "' is attached; not replacing it");
-        }
     } else if (errno != ENOENT) {
         return refuseErrno(error, errno, "cannot reach '" + path + "'");
     }
-    struct OldLock {
-        int fd;
-        ~OldLock() {
-            if (fd >= 0) ::close(fd);
-        }
-    } oldLock{oldFd};
 
     struct statvfs vfs {};
     if (::statvfs(parent.c_str(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kRoomToChange)
@@ -208,7 +201,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     if (!QVSyncDirectory(staging, &e)) return refuseErrno(error, int(e.code), "cannot sync the new image");
 
     // Into place: swapped with the old image in one step, or moved where nothing was.
-    if (oldFd >= 0) {
+    if (oldLock) {
         if (::renameat2(AT_FDCWD, staging.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) != 0)
             return refuseErrno(error, errno, "cannot put the new image in place of the old one");
         // The staging name now holds the old image, removed by the guard.

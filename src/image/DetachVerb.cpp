@@ -15,6 +15,8 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VolumeFlusher.h"
+#include "sys/LoopDevices.h"
+#include "sys/MountTable.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -40,7 +42,8 @@ std::optional<Attachment> findAttachment(const std::string& target, const std::s
         if (a && (a->devEntry == target || (!a->mountPoint.empty() && a->mountPoint == target))) return a;
     }
     std::string disk = target;
-    if (auto m = mountAt(target)) disk = m->source.rfind("/dev/loop", 0) == 0 ? loopBackingFile(m->source) : m->source;
+    if (auto m = QVMountAt(target))
+        disk = m->source.rfind("/dev/loop", 0) == 0 ? QVLoopBackingFile(m->source) : m->source;
     const std::string dir = stripSuffix(disk, "/dev/disk");
     if (dir.empty()) return std::nullopt;
     auto a = readAttachment(dir);
@@ -76,7 +79,7 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     std::set<pid_t> ours{a.devicePid};
     if (a.fsPid > 0) ours.insert(a.fsPid);
 
-    const bool mounted = !a.mountPoint.empty() && mountAt(a.mountPoint).has_value();
+    const bool mounted = !a.mountPoint.empty() && QVMountAt(a.mountPoint).has_value();
     if (mounted) {
         if (!force) {
             if (auto holder = findHolder(a.mountPoint, ours))
@@ -108,8 +111,8 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     if (mounted && a.layer == "kernel" && ::geteuid() == 0) {
         // The loop device goes by itself with the unmount; one that stays would
         // keep the disk open for ever.
-        if (!waitUntil([&] { return loopDevicesOf(a.devEntry).empty(); }, std::chrono::seconds(5)))
-            for (const auto& loop : loopDevicesOf(a.devEntry)) runProgram(kLosetup, {"-d", loop});
+        if (!waitUntil([&] { return QVLoopDevicesOf(a.devEntry).empty(); }, std::chrono::seconds(5)))
+            for (const auto& loop : QVLoopDevicesOf(a.devEntry)) runProgram(kLosetup, {"-d", loop});
     }
     if (!stopDeviceServer(a.dir, a.devicePid, true, kDetachWait, error)) return exitStatusOf(error);
     return QVImageExitOK;

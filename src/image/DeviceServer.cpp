@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -33,49 +34,52 @@
 #include "image/Helpers.h"
 #include "image/ReadAhead.h"
 #include "image/VolumeFlusher.h"
+#include "sys/ProcList.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
+#include "toolkit/WriteAll.h"
 
 namespace qv::image {
 
 namespace {
 
-constexpr fuse_ino_t kDiskInode = 2;
-constexpr const char* kDiskName = "disk";
 // The largest request, both ways: large requests keep the per-request cost
 // (a round trip through the kernel) small against the work of encryption.
 constexpr unsigned kMaxRequest = 1u << 20;
-// Enough for the kernel's queue of background requests (12 by default) and a few reads.
-constexpr unsigned kWorkerThreads = 12;
 
 // Everything the request handlers share; one per device process.
-struct Server {
+struct DiskServer {
     std::unique_ptr<BandStore> store;
-    std::unique_ptr<ReadAhead> disk;  // reads, writes and discards go through it
+    std::unique_ptr<ReadAhead> disk; // reads, writes and discards go through it
     std::string deviceDir;
     fuse_session* session = nullptr;
     uid_t uid = 0;
     gid_t gid = 0;
     int bandsFd = -1;
-    int wakeFd = -1;  // eventfd: the control thread looks again at the open count
+    int wakeFd = -1; // eventfd: the control thread looks again at the open count
     // A write, discard or sync was refused: what the file system believes is
     // on the disk may not be.
-    std::atomic<bool> changeFailed {false};
+    std::atomic<bool> changeFailed{false};
 
-    std::mutex mutex;  // guards the three below
+    std::mutex mutex; // guards the three below
     uint64_t openCount = 0;
     bool stopWhenUnused = false;
     bool shuttingDown = false;
 };
 
-Server& server(fuse_req_t req) { return *static_cast<Server*>(fuse_req_userdata(req)); }
-
-void wake(Server& s) {
+// Has the control thread look again at the open count and the stop request.
+void wakeControl(DiskServer& s) {
     uint64_t one = 1;
     (void)!::write(s.wakeFd, &one, sizeof one);
 }
 
+constexpr fuse_ino_t kDiskInode = 2;
+constexpr const char* kDiskName = "disk";
+
+DiskServer& server(fuse_req_t req) { return *static_cast<DiskServer*>(fuse_req_userdata(req)); }
+
 // Both entries belong to the user who attached, and only to him.
-struct stat ownAttributes(const Server& s, fuse_ino_t ino, mode_t mode, nlink_t links) {
+struct stat ownAttributes(const DiskServer& s, fuse_ino_t ino, mode_t mode, nlink_t links) {
     struct stat st {};
     st.st_ino = ino;
     st.st_mode = mode;
@@ -85,7 +89,7 @@ struct stat ownAttributes(const Server& s, fuse_ino_t ino, mode_t mode, nlink_t 
     return st;
 }
 
-struct stat diskAttributes(const Server& s) {
+struct stat diskAttributes(const DiskServer& s) {
     struct stat st = ownAttributes(s, kDiskInode, S_IFREG | 0600, 1);
     st.st_size = off_t(s.store->size());
     st.st_blksize = kSectorSize;
@@ -93,7 +97,9 @@ struct stat diskAttributes(const Server& s) {
     return st;
 }
 
-struct stat rootAttributes(const Server& s) { return ownAttributes(s, FUSE_ROOT_ID, S_IFDIR | 0700, 2); }
+struct stat rootAttributes(const DiskServer& s) {
+    return ownAttributes(s, FUSE_ROOT_ID, S_IFDIR | 0700, 2);
+}
 
 void opInit(void* userdata, fuse_conn_info* conn) {
     (void)userdata;
@@ -113,17 +119,17 @@ void opInit(void* userdata, fuse_conn_info* conn) {
 }
 
 void opDestroy(void* userdata) {
-    auto* s = static_cast<Server*>(userdata);
+    auto* s = static_cast<DiskServer*>(userdata);
     if (int err = s->store->sync()) QV_LOG_ERROR(QVFormat("final sync failed: %s", std::strerror(err)));
 }
 
 void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (parent != FUSE_ROOT_ID || std::strcmp(name, kDiskName) != 0) {
         fuse_reply_err(req, ENOENT);
         return;
     }
-    fuse_entry_param e {};
+    fuse_entry_param e{};
     e.ino = kDiskInode;
     e.attr = diskAttributes(s);
     e.attr_timeout = 1.0;
@@ -132,7 +138,7 @@ void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
 }
 
 void opGetattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino == FUSE_ROOT_ID) {
         struct stat st = rootAttributes(s);
         fuse_reply_attr(req, &st, 1.0);
@@ -145,7 +151,7 @@ void opGetattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
 }
 
 void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int toSet, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != kDiskInode) {
         fuse_reply_err(req, EPERM);
         return;
@@ -160,7 +166,7 @@ void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int toSet, fus
 }
 
 void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != kDiskInode) {
         fuse_reply_err(req, EISDIR);
         return;
@@ -181,22 +187,22 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
     if (fuse_reply_open(req, fi) != 0) {
         std::lock_guard<std::mutex> g(s.mutex);
         --s.openCount;
-        wake(s);
+        wakeControl(s);
     }
 }
 
 void opRelease(fuse_req_t req, fuse_ino_t, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     {
         std::lock_guard<std::mutex> g(s.mutex);
         if (s.openCount) --s.openCount;
     }
-    wake(s);
+    wakeControl(s);
     fuse_reply_err(req, 0);
 }
 
 void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != kDiskInode || off < 0) {
         fuse_reply_err(req, EINVAL);
         return;
@@ -215,7 +221,8 @@ void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_in
         capacity = n;
     }
     if (int err = s.disk->read(uint64_t(off), n, buffer.get())) {
-        QV_LOG_ERROR(QVFormat("read of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
+        QV_LOG_ERROR(
+            QVFormat("read of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
         fuse_reply_err(req, err);
         return;
     }
@@ -224,7 +231,7 @@ void opRead(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_in
 }
 
 void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != kDiskInode || off < 0) {
         fuse_reply_err(req, EINVAL);
         return;
@@ -236,7 +243,8 @@ void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
     }
     const size_t n = size_t(std::min<uint64_t>(size, total - uint64_t(off)));
     if (int err = s.disk->write(uint64_t(off), n, reinterpret_cast<const uint8_t*>(buf))) {
-        QV_LOG_ERROR(QVFormat("write of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
+        QV_LOG_ERROR(
+            QVFormat("write of %zu bytes at %lld failed: %s", n, static_cast<long long>(off), std::strerror(err)));
         s.changeFailed = true;
         fuse_reply_err(req, err);
         return;
@@ -245,7 +253,7 @@ void opWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
 }
 
 void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     int err = s.store->sync();
     if (err) {
         QV_LOG_ERROR(QVFormat("sync failed: %s", std::strerror(err)));
@@ -259,7 +267,7 @@ void opFsyncdir(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) { fuse_reply_e
 void opFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
 
 void opFallocate(fuse_req_t req, fuse_ino_t ino, int mode, off_t offset, off_t length, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != kDiskInode || offset < 0 || length <= 0) {
         fuse_reply_err(req, EINVAL);
         return;
@@ -294,7 +302,7 @@ void opOpendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 }
 
 void opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info*) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     if (ino != FUSE_ROOT_ID) {
         fuse_reply_err(req, ENOTDIR);
         return;
@@ -307,7 +315,8 @@ void opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file
     };
     const Entry entries[] = {{".", rootAttributes(s)}, {"..", rootAttributes(s)}, {kDiskName, diskAttributes(s)}};
     for (off_t i = off; i < off_t(sizeof entries / sizeof entries[0]); ++i) {
-        const size_t need = fuse_add_direntry(req, buf.data() + used, size - used, entries[i].name, &entries[i].st, i + 1);
+        const size_t need =
+            fuse_add_direntry(req, buf.data() + used, size - used, entries[i].name, &entries[i].st, i + 1);
         if (need > size - used) break;
         used += need;
     }
@@ -317,15 +326,15 @@ void opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file
 void opReleasedir(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
 
 void opStatfs(fuse_req_t req, fuse_ino_t) {
-    Server& s = server(req);
+    DiskServer& s = server(req);
     struct statvfs st {};
     ::fstatvfs(s.bandsFd, &st);
     st.f_namemax = 255;
     fuse_reply_statfs(req, &st);
 }
 
-fuse_lowlevel_ops serverOperations() {
-    fuse_lowlevel_ops ops {};
+fuse_lowlevel_ops diskOperations() {
+    fuse_lowlevel_ops ops{};
     ops.init = opInit;
     ops.destroy = opDestroy;
     ops.lookup = opLookup;
@@ -346,6 +355,9 @@ fuse_lowlevel_ops serverOperations() {
     return ops;
 }
 
+// Enough for the kernel's queue of background requests (12 by default) and a few reads.
+constexpr unsigned kWorkerThreads = 12;
+
 void unmountDeviceDir(const std::string& dir) {
     if (::geteuid() == 0) {
         ::umount2(dir.c_str(), MNT_DETACH);
@@ -356,7 +368,7 @@ void unmountDeviceDir(const std::string& dir) {
 
 // Waits for stop requests (signals) and for the disk to be closed; once asked
 // and unused, makes everything durable and ends the session.
-void controlLoop(Server& s, int signalFd) {
+void controlLoop(DiskServer& s, int signalFd) {
     pollfd fds[2] = {{signalFd, POLLIN, 0}, {s.wakeFd, POLLIN, 0}};
     for (;;) {
         if (::poll(fds, 2, -1) < 0) {
@@ -364,7 +376,7 @@ void controlLoop(Server& s, int signalFd) {
             return;
         }
         if (fds[0].revents & POLLIN) {
-            signalfd_siginfo info {};
+            signalfd_siginfo info{};
             if (::read(signalFd, &info, sizeof info) == sizeof info) {
                 std::lock_guard<std::mutex> g(s.mutex);
                 s.stopWhenUnused = true;
@@ -412,9 +424,7 @@ void closeOtherDescriptors(const std::vector<int>& keep) {
         if (std::find(keep.begin(), keep.end(), fd) == keep.end()) ::close(fd);
 }
 
-void report(int pipeFd, const std::string& message) {
-    (void)!::write(pipeFd, message.data(), message.size());
-}
+void report(int pipeFd, const std::string& message) { QVWriteAll(pipeFd, message); }
 
 // The body of the device process. Never returns.
 [[noreturn]] void serve(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd, int pipeFd) {
@@ -447,7 +457,7 @@ void report(int pipeFd, const std::string& message) {
     ::pthread_sigmask(SIG_BLOCK, &stops, nullptr);
     const int signalFd = ::signalfd(-1, &stops, SFD_CLOEXEC);
 
-    Server s;
+    DiskServer s;
     s.deviceDir = deviceDirOf(options.attachmentDir);
     s.uid = ::geteuid();
     s.gid = ::getegid();
@@ -462,13 +472,12 @@ void report(int pipeFd, const std::string& message) {
         ::_exit(1);
     }
 
-    const std::string mountOptions =
-        QVFormat("fsname=qv-image,subtype=qv-image,max_read=%u", kMaxRequest);
+    const std::string mountOptions = QVFormat("fsname=qv-image,subtype=qv-image,max_read=%u", kMaxRequest);
     std::vector<std::string> words = {"qv-image", "-o", mountOptions};
     std::vector<char*> argv;
     for (auto& w : words) argv.push_back(w.data());
     fuse_args args = FUSE_ARGS_INIT(int(argv.size()), argv.data());
-    const fuse_lowlevel_ops ops = serverOperations();
+    const fuse_lowlevel_ops ops = diskOperations();
     s.session = fuse_session_new(&args, &ops, sizeof ops, &s);
     if (!s.session) {
         report(pipeFd, "Ecannot start a FUSE session");
@@ -502,7 +511,7 @@ void report(int pipeFd, const std::string& message) {
             s.stopWhenUnused = true;
         }
     }
-    wake(s);
+    wakeControl(s);
     control.join();
     int status = 0;
     if (int err = s.store->sync()) {
@@ -519,36 +528,33 @@ void report(int pipeFd, const std::string& message) {
 
 } // namespace
 
-bool makeAttachmentDir(const std::string& base, std::string* dir, int* lockFd, QVError* error) {
+bool makeAttachmentDir(const std::string& base, std::string* dir, UniqueFd* lock, QVError* error) {
     std::string tmpl = base + "/att-XXXXXX";
     if (!::mkdtemp(tmpl.data())) return failErrno(error, errno, "cannot make a runtime directory in '" + base + "'");
-    int fd = ::open(lockFileOf(tmpl).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::mkdir(deviceDirOf(tmpl).c_str(), 0700) != 0) {
+    UniqueFd fd(::open(lockFileOf(tmpl).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd || ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || ::mkdir(deviceDirOf(tmpl).c_str(), 0700) != 0) {
         const int err = errno;
-        if (fd >= 0) ::close(fd);
+        fd.reset();
         removeAttachmentDir(tmpl);
         return failErrno(error, err, "cannot set up the runtime directory '" + tmpl + "'");
     }
     *dir = tmpl;
-    *lockFd = fd;
+    *lock = std::move(fd);
     return true;
 }
 
 bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd, pid_t* pid,
                        QVError* error) {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+    // The device process tells through `report` that it serves the disk ("OK")
+    // or why it could not ("E<why>"); a detached one's pid comes from the child
+    // in between through `pidPipe`.
+    UniqueFd reportRead, reportWrite, pidRead, pidWrite;
+    if (!QVMakePipe(reportRead, reportWrite) || (options.detached && !QVMakePipe(pidRead, pidWrite))) {
+        const int err = errno;
         key.clear();
-        return failErrno(error, errno, "cannot start the device process");
+        return failErrno(error, err, "cannot start the device process");
     }
     const pid_t parent = ::getpid();
-    int pidPipe[2] = {-1, -1};
-    if (options.detached && ::pipe2(pidPipe, O_CLOEXEC) != 0) {
-        key.clear();
-        ::close(pipeFds[0]);
-        ::close(pipeFds[1]);
-        return failErrno(error, errno, "cannot start the device process");
-    }
     pid_t child = ::fork();
     if (child < 0) {
         const int err = errno;
@@ -556,33 +562,33 @@ bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions
         return failErrno(error, err, "cannot start the device process");
     }
     if (child == 0) {
-        ::close(pipeFds[0]);
+        reportRead.reset();
         if (options.detached) {
             // A session of its own, and a grandchild of the caller so that it is
             // nobody's child once the caller is gone.
-            ::close(pidPipe[0]);
+            pidRead.reset();
             ::setsid();
             pid_t grandchild = ::fork();
             if (grandchild != 0) {
-                (void)!::write(pidPipe[1], &grandchild, sizeof grandchild);
+                QVWriteAll(pidWrite.get(), &grandchild, sizeof grandchild);
                 ::_exit(grandchild < 0 ? 1 : 0);
             }
-            ::close(pidPipe[1]);
+            pidWrite.reset();
         } else {
             ::prctl(PR_SET_PDEATHSIG, SIGTERM);
             if (::getppid() != parent) ::_exit(1);
         }
-        serve(image, key, options, lockFd, pipeFds[1]);
+        serve(image, key, options, lockFd, reportWrite.get());
     }
     // The key lives on in the device process only.
     key.clear();
-    ::close(pipeFds[1]);
+    reportWrite.reset();
     pid_t server = child;
     if (options.detached) {
-        ::close(pidPipe[1]);
+        pidWrite.reset();
         pid_t grandchild = -1;
-        if (::read(pidPipe[0], &grandchild, sizeof grandchild) != sizeof grandchild) grandchild = -1;
-        ::close(pidPipe[0]);
+        if (::read(pidRead.get(), &grandchild, sizeof grandchild) != sizeof grandchild) grandchild = -1;
+        pidRead.reset();
         int status = 0;
         while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }
@@ -591,12 +597,12 @@ bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions
     std::string message;
     char buf[256];
     for (;;) {
-        ssize_t n = ::read(pipeFds[0], buf, sizeof buf);
+        ssize_t n = ::read(reportRead.get(), buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         message.append(buf, size_t(n));
     }
-    ::close(pipeFds[0]);
+    reportRead.reset();
     if (message != "OK" || server <= 0) {
         if (!options.detached) {
             int status = 0;
@@ -615,19 +621,16 @@ bool stopDeviceServer(const std::string& attachmentDir, pid_t pid, bool wait, st
                       QVError* error) {
     // Opened before asking, so that the lock can be watched even after the
     // process has removed its directory.
-    int fd = ::open(lockFileOf(attachmentDir).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    UniqueFd lock(::open(lockFileOf(attachmentDir).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     requestDeviceStop(pid);
-    if (!wait) {
-        if (fd >= 0) ::close(fd);
-        return true;
-    }
+    if (!wait) return true;
     bool ended = waitUntil(
         [&] {
-            if (fd >= 0) return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-            return !processAlive(pid);
+            if (lock) return ::flock(lock.get(), LOCK_EX | LOCK_NB) == 0;
+            return !QVProcessAlive(pid);
         },
         limit);
-    if (fd >= 0) ::close(fd);
+    lock.reset();
     // Our own child: reap it and learn whether its last sync worked.
     int status = 0;
     pid_t reaped = ::waitpid(pid, &status, ended ? 0 : WNOHANG);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "image/ImageTool.h"
+#include "sys/UniqueFd.h"
 #include "vault/Value.h"
 
 namespace qv::image {
@@ -48,8 +49,8 @@ public:
     const std::string& path() const { return path_; }  // absolute, symbolic links resolved
     const ImageInfo& info() const { return info_; }
     const Bytes& token() const { return token_; }
-    int directoryFd() const { return dirFd_; }
-    int bandsFd() const { return bandsFd_; }
+    int directoryFd() const { return dirFd_.get(); }
+    int bandsFd() const { return bandsFd_.get(); }
 
     // Takes the image's lock, held for as long as this process (or a child
     // that inherits the descriptor) serves the disk. QVImageExitAttached when taken.
@@ -74,8 +75,8 @@ private:
     std::string path_;
     ImageInfo info_;
     Bytes token_;
-    int dirFd_ = -1;
-    int bandsFd_ = -1;
+    UniqueFd dirFd_;
+    UniqueFd bandsFd_;
     bool locked_ = false;
 };
 

@@ -13,6 +13,7 @@
 
 #include "image/DeviceServer.h"
 #include "image/Helpers.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -48,8 +49,8 @@ bool TemporaryDevice::start(ImageBundle& image, SecureBytes& key, uint64_t size,
         key.clear();
         return false;
     }
-    int lockFd = -1;
-    if (!makeAttachmentDir(base, &dir_, &lockFd, error)) {
+    UniqueFd lock;
+    if (!makeAttachmentDir(base, &dir_, &lock, error)) {
         key.clear();
         return false;
     }
@@ -57,9 +58,9 @@ bool TemporaryDevice::start(ImageBundle& image, SecureBytes& key, uint64_t size,
     options.attachmentDir = dir_;
     options.detached = false;
     options.size = size;
-    const bool started = startDeviceServer(image, key, options, lockFd, &pid_, error);
+    const bool started = startDeviceServer(image, key, options, lock.get(), &pid_, error);
     // The attachment's lock stays with the device process alone, so that its end can be seen.
-    ::close(lockFd);
+    lock.reset();
     if (!started) {
         removeAttachmentDir(dir_);
         pid_ = 0;
@@ -77,12 +78,11 @@ bool TemporaryDevice::stop(QVError* error) {
 }
 
 bool readFileSystemState(const std::string& disk, FileSystemState* state, QVError* error) {
-    int fd = ::open(disk.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return failErrno(error, errno, "cannot open the disk");
+    const UniqueFd fd(::open(disk.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return failErrno(error, errno, "cannot open the disk");
     ext2_super_block sb {};
-    ssize_t n = ::pread(fd, &sb, sizeof sb, SUPERBLOCK_OFFSET);
+    ssize_t n = ::pread(fd.get(), &sb, sizeof sb, SUPERBLOCK_OFFSET);
     const int err = errno;
-    ::close(fd);
     if (n < 0) return failErrno(error, err, "cannot read the disk");
     if (size_t(n) != sizeof sb || sb.s_magic != EXT2_SUPER_MAGIC || sb.s_log_block_size > 6)
         return fail(error, QVImageExitNotAnImage,
