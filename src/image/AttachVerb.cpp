@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
 #include "image/ImageBundle.h"
 #include "image/ImageTool.h"

@@ -9,7 +9,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
 #include "image/Holders.h"
 #include "image/ImageTool.h"

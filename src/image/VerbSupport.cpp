@@ -11,7 +11,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
 #include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
