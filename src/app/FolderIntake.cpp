@@ -158,8 +158,7 @@ bool holdsImageStore(const std::vector<std::string>& forms) {
 std::string QVApplicationBundlePath() {
     const std::string exe = realPath("/proc/self/exe");
     if (exe.empty()) return "";
-    const size_t slash = exe.rfind('/');
-    return slash == 0 ? "/" : exe.substr(0, slash);
+    return QVParentPath(exe);
 }
 
 bool QVReadIntakeResourceValues(const std::string& path, QVIntakeResourceValues* values, QVError* error) {

@@ -19,8 +19,10 @@
 #include "disk/ExtendedAttributes.h"
 #include "disk/RenameAt.h"
 #include "disk/SizeWalk.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
+#include "toolkit/WriteAll.h"
 
 namespace qv {
 namespace {
@@ -28,38 +30,6 @@ namespace {
 std::atomic<long long> gStatusIntervalMs{1000};
 
 constexpr size_t kChunk = 4 << 20;
-
-// A descriptor that closes itself.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd&& o) noexcept : fd_(o.release()) {}
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            reset();
-            fd_ = o.release();
-        }
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 using DirStream = std::unique_ptr<DIR, int (*)(DIR*)>;
 
@@ -108,7 +78,7 @@ int removeTreeAt(int parent, const char* name) {
 }
 
 int removeTree(const std::string& path) {
-    Fd parent(::open(QVParentPath(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd parent(::open(QVParentPath(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent) return errno;
     return removeTreeAt(parent.get(), QVLastPathComponent(path).c_str());
 }
@@ -161,12 +131,13 @@ public:
         if (::fstatat(AT_FDCWD, source.c_str(), &st, intoExisting ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
             return fail(errno, "stat");
         if (S_ISDIR(st.st_mode)) {
-            Fd src(::openat(AT_FDCWD, source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (intoExisting ? 0 : O_NOFOLLOW)));
+            UniqueFd src(::openat(AT_FDCWD, source.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_CLOEXEC | (intoExisting ? 0 : O_NOFOLLOW)));
             if (!src) return fail(errno, "open");
             return copyDirectory(std::move(src), st, dstDir, dstName.c_str(), intoExisting, true);
         }
         if (intoExisting) return fail(ENOTDIR, "open");
-        Fd parent(::open(QVParentPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        UniqueFd parent(::open(QVParentPath(source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!parent) return fail(errno, "open parent");
         const std::string name = QVLastPathComponent(source);
         return copyEntry(parent.get(), name.c_str(), st, dstDir, dstName.c_str());
@@ -235,7 +206,7 @@ private:
     bool copyEntry(int srcDir, const char* name, const struct stat& st, int dstDir, const char* dstName) {
         switch (st.st_mode & S_IFMT) {
         case S_IFDIR: {
-            Fd sub(::openat(srcDir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            UniqueFd sub(::openat(srcDir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!sub) return leaveOut(errno, "open", name);
             trail_.emplace_back(name);
             bool ok = copyDirectory(std::move(sub), st, dstDir, dstName, false, false);
@@ -251,9 +222,10 @@ private:
         }
     }
 
-    bool copyDirectory(Fd src, const struct stat& st, int dstDir, const char* dstName, bool intoExisting, bool root) {
+    bool copyDirectory(UniqueFd src, const struct stat& st, int dstDir, const char* dstName, bool intoExisting,
+                       bool root) {
         if (!intoExisting && ::mkdirat(dstDir, dstName, 0700) != 0) return fail(errno, "mkdir");
-        Fd dst(::openat(dstDir, dstName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        UniqueFd dst(::openat(dstDir, dstName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!dst) return fail(errno, "open destination");
         if (root) dstRoot_ = dst.get();
         DirStream dir(::fdopendir(src.get()), &::closedir);
@@ -291,11 +263,11 @@ private:
                                      currentPath(name).c_str(), std::strerror(errno)));
             }
         }
-        Fd in(::openat(srcDir, name, O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+        UniqueFd in(::openat(srcDir, name, O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
         if (!in) return leaveOut(errno, "open", name);
         struct stat now;
         if (::fstat(in.get(), &now) != 0) return fail(errno, "stat", name);
-        Fd out(::openat(dstDir, dstName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        UniqueFd out(::openat(dstDir, dstName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!out) return fail(errno, "create", name);
         bool ok = copyData(in.get(), out.get(), now.st_size, name) &&
                   applyMetadata(in.get(), out.get(), now, false, name);
@@ -371,14 +343,8 @@ private:
                     if (errno == EINTR) continue;
                     return fail(errno, "read", name);
                 }
-                for (ssize_t done = 0; done < n;) {
-                    ssize_t w = ::pwrite(out, buffer_.data() + done, static_cast<size_t>(n - done), off + done);
-                    if (w < 0) {
-                        if (errno == EINTR) continue;
-                        return fail(errno, "write", name);
-                    }
-                    done += w;
-                }
+                if (const int err = QVWriteAllAt(out, buffer_.data(), static_cast<size_t>(n), off))
+                    return fail(err, "write", name);
             }
             if (n == 0) {
                 atEnd = true;
@@ -654,7 +620,7 @@ Outcome copyAndLift(const std::string& source, int dstDir, const std::string& de
     long code = copyOutcome(copy);
     if (code != 0) return {code, {}};
 
-    Fd work(::openat(dstDir, working.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd work(::openat(dstDir, working.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     DirStream dir(work ? ::fdopendir(work.get()) : nullptr, &::closedir);
     if (!dir) {
         int err = errno;
@@ -720,11 +686,11 @@ bool copyOrMoveContentsFrom(const std::string& source, const std::string& destin
     if (error) *error = QVError{};
     Outcome outcome;
     const std::string name = destinationName ? *destinationName : QVLastPathComponent(source);
-    Fd dstDir;
+    UniqueFd dstDir;
     if (source.empty() || !validName(name)) {
         outcome.code = EINVAL;
     } else {
-        dstDir = Fd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        dstDir = UniqueFd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!dstDir) outcome.code = errno;
     }
     if (outcome.code == 0) {

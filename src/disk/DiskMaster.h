@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "disk/CopyEngine.h"
+#include "sys/ImageToolStatus.h"
 #include "toolkit/QVError.h"
 #include "vault/QVRecord.h"
 
@@ -52,10 +53,6 @@ inline constexpr const char* QVDiskDefaultFilesystem = "HFS+J";
 inline constexpr uint64_t QVDiskMinimumCapacity = 10737418240ULL;  // 10 GiB
 // Room kept free beyond the folder's size on the storage's volume.
 inline constexpr uint64_t QVDiskSpaceMargin = 104857600ULL;  // 100 MiB
-
-// The helper's exit statuses that callers tell apart.
-inline constexpr long QVImageExitWrongPassword = 3;
-inline constexpr long QVImageExitBusy = 8;
 
 class DiskMaster {
 public:

@@ -3,39 +3,34 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <filesystem>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 #include <thread>
 
 #include "disk/DiskMaster.h"
 #include "disk/DiskMasterSupport.h"
 #include "disk/FileSystemVolumes.h"
-#include "disk/ProcList.h"
 #include "disk/ProcessRunner.h"
 #include "disk/URLHelpers.h"
+#include "sys/LoopDevices.h"
+#include "sys/MountTable.h"
+#include "sys/ProcList.h"
+#include "sys/SystemPrograms.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "vault/PropertyList.h"
 #include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
-#include "toolkit/PathText.h"
 
 namespace qv {
 
 using namespace diskmaster;
 
 namespace {
-
-constexpr const char* kFuse2fs = "/usr/bin/fuse2fs";
-constexpr const char* kMount = "/usr/bin/mount";
-constexpr const char* kUmount = "/usr/bin/umount";
-constexpr const char* kFusermount3 = "/usr/bin/fusermount3";
 
 // e2label lives in /usr/sbin on merged systems and in /sbin on older ones.
 std::string e2labelPath() {
@@ -52,23 +47,7 @@ std::string canonicalPath(const std::string& path) {
     return path;
 }
 
-std::optional<QVMountEntry> mountEntryAt(const std::string& path) {
-    const std::string canonical = canonicalPath(path);
-    std::optional<QVMountEntry> found;
-    // The last entry for a point is the one on top.
-    for (const auto& entry : QVReadMountTable())
-        if (entry.mountPoint == canonical) found = entry;
-    return found;
-}
-
-// The file behind a loop device ("/dev/loop3"); empty when it has none.
-std::string loopBackingFile(const std::string& device) {
-    const std::string name = QVLastPathComponent(device);
-    std::ifstream in("/sys/block/" + name + "/loop/backing_file");
-    std::string line;
-    std::getline(in, line);
-    return line;
-}
+std::optional<QVMountEntry> mountEntryAt(const std::string& path) { return QVMountAt(canonicalPath(path)); }
 
 bool isRegularFile(const std::string& path) {
     struct stat st;
@@ -148,39 +127,14 @@ bool mountServedDisk(const std::string& devEntry, const std::string& mountpoint,
     return true;
 }
 
-std::string unescapeMountField(const std::string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size() && std::isdigit((unsigned char)text[i + 1]) &&
-            std::isdigit((unsigned char)text[i + 2]) && std::isdigit((unsigned char)text[i + 3])) {
-            out.push_back(static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0')));
-            i += 3;
-        } else {
-            out.push_back(text[i]);
-        }
-    }
-    return out;
-}
-
 // The mount options that file managers honour, as mount(8) keeps them for a
 // mount point (FUSE mounts keep them only there).
 bool isHiddenMount(const std::string& mountpoint) {
-    if (auto entry = mountEntryAt(mountpoint);
+    const std::string canonical = canonicalPath(mountpoint);
+    if (auto entry = QVMountAt(canonical);
         entry && (entry->options + "," + entry->superOptions).find("x-gvfs-hide") != std::string::npos)
         return true;
-    std::ifstream utab("/run/mount/utab");
-    const std::string canonical = canonicalPath(mountpoint);
-    std::string line;
-    while (std::getline(utab, line)) {
-        // KEY=value fields separated by spaces; octal escapes (\040) inside values.
-        std::istringstream fields(line);
-        std::string field;
-        bool target = false;
-        while (fields >> field)
-            if (field.rfind("TARGET=", 0) == 0 && unescapeMountField(field.substr(7)) == canonical) target = true;
-        if (target && line.find("x-gvfs-hide") != std::string::npos) return true;
-    }
-    return false;
+    return QVUserMountOptions(canonical).find("x-gvfs-hide") != std::string::npos;
 }
 
 enum class ServedUnmount { NotServed, Done, Busy, Failed };
@@ -193,7 +147,7 @@ ServedUnmount unmountServedDiskVolume(const std::string& mountpoint, bool forcef
     auto entry = mountEntryAt(mountpoint);
     if (!entry) return ServedUnmount::NotServed;
     std::string disk = entry->source;
-    if (disk.rfind("/dev/loop", 0) == 0) disk = loopBackingFile(disk);
+    if (disk.rfind("/dev/loop", 0) == 0) disk = QVLoopBackingFile(disk);
     if (disk.empty() || disk.front() != '/' || !isRegularFile(disk)) return ServedUnmount::NotServed;
     if (entry->fsType != "ext4" && entry->fsType != "fuse.ext4" && entry->fsType != "fuseblk" &&
         entry->fsType != "fuse")
@@ -442,7 +396,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
     std::optional<Holder> holder;
     long status = runError.code;
     std::string why = trimmedMessage(runError.description);
-    if (!runError.empty() && runError.code == 1) {
+    if (!runError.empty() && runError.code == QVImageExitFailure) {
         // Not a mount qv-image made: perhaps one of the alternative mount.
         std::string servedWhy;
         switch (unmountServedDiskVolume(mount, forcefully, &holder, &servedWhy)) {

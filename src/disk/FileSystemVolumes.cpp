@@ -4,8 +4,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -15,70 +13,20 @@
 #include <unistd.h>
 
 #include "disk/ProcessRunner.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
 
-// Undoes the octal escapes the kernel writes for space, tab, newline and backslash.
-std::string unescapeMountField(const std::string& field) {
-    std::string out;
-    out.reserve(field.size());
-    for (size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size()) {
-            const char a = field[i + 1], b = field[i + 2], c = field[i + 3];
-            if (a >= '0' && a <= '3' && b >= '0' && b <= '7' && c >= '0' && c <= '7') {
-                out.push_back(static_cast<char>((a - '0') * 64 + (b - '0') * 8 + (c - '0')));
-                i += 3;
-                continue;
-            }
-        }
-        out.push_back(field[i]);
-    }
-    return out;
-}
-
-bool parseMountLine(const std::string& line, QVMountEntry& entry) {
-    std::istringstream in(line);
-    std::string id, parent, devices, root, mountPoint, options, field;
-    if (!(in >> id >> parent >> devices >> root >> mountPoint >> options)) return false;
-    // Optional fields up to the lone "-".
-    for (;;) {
-        if (!(in >> field)) return false;
-        if (field == "-") break;
-    }
-    std::string fsType, source, superOptions;
-    if (!(in >> fsType >> source)) return false;
-    in >> superOptions;
-    size_t colon = devices.find(':');
-    if (colon == std::string::npos) return false;
-    entry.major = static_cast<unsigned>(std::strtoul(devices.c_str(), nullptr, 10));
-    entry.minor = static_cast<unsigned>(std::strtoul(devices.c_str() + colon + 1, nullptr, 10));
-    entry.root = unescapeMountField(root);
-    entry.mountPoint = unescapeMountField(mountPoint);
-    entry.options = options;
-    entry.fsType = unescapeMountField(fsType);
-    entry.source = unescapeMountField(source);
-    entry.superOptions = superOptions;
-    return true;
-}
-
-bool isMountPointInTable(const std::string& resolved) {
-    for (const QVMountEntry& e : QVReadMountTable()) {
-        if (e.mountPoint == resolved) return true;
-    }
-    return false;
-}
+bool isMountPointInTable(const std::string& resolved) { return QVMountAt(resolved).has_value(); }
 
 // The resolved form of a path whose last component may itself be unreachable
 // (a dead FUSE mount): the parent resolved, the last name kept.
 std::optional<std::string> resolveParentKeepName(const std::string& path) {
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    size_t slash = p.rfind('/');
-    std::string parent = slash == std::string::npos ? "." : (slash == 0 ? "/" : p.substr(0, slash));
-    std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+    const std::string parent = QVParentPath(path);
+    const std::string name = QVLastPathComponent(path);
     char buffer[PATH_MAX];
     if (!::realpath(parent.c_str(), buffer)) return std::nullopt;
     std::string resolved = buffer;
@@ -95,21 +43,6 @@ std::optional<QVMountEntry> entryForDevice(dev_t dev) {
 }
 
 } // namespace
-
-std::vector<QVMountEntry> QVReadMountTable() {
-    std::vector<QVMountEntry> table;
-    std::ifstream in("/proc/self/mountinfo");
-    if (!in) {
-        QV_LOG_ERROR(QVFormat("can't read /proc/self/mountinfo: %s", std::strerror(errno)));
-        return table;
-    }
-    std::string line;
-    while (std::getline(in, line)) {
-        QVMountEntry entry;
-        if (parseMountLine(line, entry)) table.push_back(std::move(entry));
-    }
-    return table;
-}
 
 bool isVolumeAtURL(const std::string& path, QVError* error) {
     auto failed = [&](int err) {
@@ -189,11 +122,9 @@ std::optional<std::string> volnameAtURL(const std::string& path) {
     if (!entry) return std::nullopt;
     std::string label;
     // A file system the kernel drives tells its label itself.
-    int fd = ::open(entry->mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
+    if (UniqueFd fd(::open(entry->mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); fd) {
         char buffer[FSLABEL_MAX + 1] = {};
-        if (::ioctl(fd, FS_IOC_GETFSLABEL, buffer) == 0) label = buffer;
-        ::close(fd);
+        if (::ioctl(fd.get(), FS_IOC_GETFSLABEL, buffer) == 0) label = buffer;
     }
     // A FUSE mount of an ext4 disk: the label is in the superblock of the disk behind it.
     if (label.empty() && entry->fsType.rfind("fuse", 0) == 0 && !entry->source.empty() && entry->source[0] == '/') {

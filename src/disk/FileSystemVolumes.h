@@ -7,24 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "sys/MountTable.h"
 #include "toolkit/QVError.h"
 
 namespace qv {
-
-// One line of /proc/self/mountinfo, with its escapes (\040 and friends) undone.
-struct QVMountEntry {
-    unsigned major = 0;
-    unsigned minor = 0;        // together: the st_dev of everything on it
-    std::string root;          // the directory of the file system mounted here
-    std::string mountPoint;
-    std::string options;       // per-mount options (rw, nosuid, ...)
-    std::string fsType;        // "ext4", "fuse.fuse2fs", "proc", ...
-    std::string source;        // the device or what stands for it
-    std::string superOptions;  // per-file-system options (user_id=..., ...)
-};
-
-// The mount table of this process. Empty (and logged) when it can't be read.
-std::vector<QVMountEntry> QVReadMountTable();
 
 // True when `path` is the root of a mounted volume: its device differs from its
 // parent's, or it is the mount point of an entry of the mount table (which also

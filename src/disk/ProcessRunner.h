@@ -1,7 +1,9 @@
 #pragma once
-// The one way the system runs an external program: synchronously, by absolute
-// path, with no shell in between. Secrets (image passwords) travel only as bytes
-// on the child's standard input, never in its arguments or environment.
+// How the core runs an external program: synchronously, by absolute path, with
+// no shell in between, through the one runner of sys/ProgramRunner.h, with the
+// core's contract for output, status and errors. Secrets (image passwords)
+// travel only as bytes on the child's standard input, never in its arguments
+// or environment.
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -19,10 +21,10 @@ namespace qv {
 // - `inputData` absent: the child inherits our standard input. Present (even
 //   empty): the child's standard input is a pipe that receives exactly these
 //   bytes, no terminator added, and is then closed.
-// - The child's standard output is read to end of file first, then its standard
-//   error, then the child is waited for. The two are read one after the other, so
-//   a child that fills the error pipe while keeping standard output open stalls:
-//   the programs we drive write their diagnostics last.
+// - The child's standard output and standard error are read together, as they
+//   come, while the input is fed, until both are at end of file; then the child
+//   is waited for. No amount of output on either stream stalls it (the one
+//   runner of sys/ProgramRunner.h does the work).
 // - Exit status 0: the output, *error cleared.
 // - Any other status: the output still comes back, and *error is set in
 //   QVPOSIXErrorDomain with the status as code (the signal number for a child

@@ -20,8 +20,9 @@
 #include <memory>
 #include <set>
 
-#include "disk/ProcList.h"
 #include "disk/URLHelpers.h"
+#include "sys/ProcFiles.h"
+#include "sys/ProcList.h"
 #include "toolkit/Log.h"
 
 namespace qv {
@@ -56,31 +57,14 @@ std::string realPath(const std::string& path) {
     return ::realpath(path.c_str(), buffer) ? std::string(buffer) : std::string();
 }
 
-std::string readLink(const std::string& path) {
-    char buffer[PATH_MAX];
-    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
-}
-
-// State letter and start time (field 22, clock ticks after boot) of
-// /proc/<pid>/stat. The command name may hold spaces and parentheses, so the
-// fields are counted from the last ')'.
+// State letter and start time (field 22, clock ticks after boot) of the process.
 bool readProcessStat(pid_t pid, char* state, unsigned long long* startTime) {
-    std::string stat;
-    if (!QVReadProcFile("/proc/" + std::to_string(pid) + "/stat", stat, 4096)) return false;
-    const size_t close = stat.rfind(')');
-    if (close == std::string::npos || close + 2 >= stat.size()) return false;
-    *state = stat[close + 2];
-    // Fields after the name: state is field 3, so field 22 is the 20th of them.
-    size_t at = close + 2;
-    for (int field = 3; field < 22; ++field) {
-        at = stat.find(' ', at);
-        if (at == std::string::npos) return false;
-        ++at;
-    }
-    char* end = nullptr;
-    *startTime = std::strtoull(stat.c_str() + at, &end, 10);
-    return end != stat.c_str() + at;
+    const auto stat = QVReadProcStat(pid);
+    const auto start = stat ? stat->number(22) : std::nullopt;
+    if (!start) return false;
+    *state = stat->state();
+    *startTime = *start;
+    return true;
 }
 
 // What a process of ours runs: its executable and the arguments that name a
@@ -106,9 +90,7 @@ std::vector<ProcessImage> ourProcesses(bool withScripts) {
         image.pid = entry.pid;
         char state = '?';
         if (!readProcessStat(entry.pid, &state, &image.startTime) || state == 'Z' || state == 'X') continue;
-        image.executable = readLink(dir + "/exe");
-        const std::string deleted = " (deleted)";
-        if (endsWith(image.executable, deleted)) image.executable.resize(image.executable.size() - deleted.size());
+        image.executable = QVReadProcLink(dir + "/exe");
         if (image.executable.empty()) continue;  // a kernel thread, or gone
         // A script runs as "<interpreter> [one option] <script> ...": the kernel
         // puts the script's path as it was executed among the first arguments.
@@ -122,7 +104,7 @@ std::vector<ProcessImage> ourProcesses(bool withScripts) {
                 args.push_back(cmdline.substr(start, end - start));
                 start = end + 1;
             }
-            const std::string cwd = readLink(dir + "/cwd");
+            const std::string cwd = QVReadProcLink(dir + "/cwd");
             for (size_t i = 1; i < args.size(); ++i) {
                 if (args[i].empty() || args[i][0] == '-') continue;
                 const std::string path = args[i][0] == '/' || cwd.empty() ? args[i] : cwd + "/" + args[i];

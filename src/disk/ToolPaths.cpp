@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "toolkit/PathText.h"
+
 namespace qv {
 
 namespace {
@@ -19,10 +21,7 @@ std::string executableDirectory() {
     char buffer[4096];
     const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
     if (n <= 0) return {};
-    std::string exe(buffer, static_cast<size_t>(n));
-    const size_t slash = exe.rfind('/');
-    if (slash == std::string::npos) return {};
-    return slash == 0 ? std::string("/") : exe.substr(0, slash);
+    return QVParentPath(std::string(buffer, static_cast<size_t>(n)));
 }
 
 std::string joinPath(const std::string& dir, const std::string& name) {

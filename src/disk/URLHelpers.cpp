@@ -15,6 +15,7 @@
 #include "vault/Locations.h"
 #include "disk/ProcessRunner.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 
@@ -128,15 +129,13 @@ std::string bundleID(const std::string& path) {
             return id;
         }
     }
-    return p.substr(p.rfind('/') + 1);
+    return QVLastPathComponent(p);
 }
 
 bool isInDesktop(const std::string& path) {
-    std::string p = cleanPath(path);
-    size_t slash = p.rfind('/');
-    if (p.size() < 2 || slash == std::string::npos) return false;
-    std::string parent = slash == 0 ? "/" : p.substr(0, slash);
-    return parent == cleanPath(desktopURL());
+    const std::string p = cleanPath(path);
+    if (p.size() < 2 || p.find('/') == std::string::npos) return false;
+    return QVParentPath(p) == cleanPath(desktopURL());
 }
 
 std::optional<std::vector<pid_t>> processesUsingThisURL(const std::string& path) {

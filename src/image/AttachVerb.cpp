@@ -11,13 +11,16 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
 #include "image/ImageBundle.h"
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/MountTable.h"
+#include "sys/ProcList.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "vault/PropertyList.h"
 
 namespace qv::image {
@@ -29,18 +32,20 @@ bool checkMountPoint(const std::string& given, std::string* canonical, QVError* 
     char resolved[PATH_MAX];
     if (!::realpath(given.c_str(), resolved)) {
         if (errno == ENOENT || errno == ENOTDIR)
-            return fail(error, ExitBadMountPoint, "mount point '" + given + "' does not exist");
-        return failErrno(error, errno, "cannot reach mount point '" + given + "'", ExitBadMountPoint);
+            return fail(error, QVImageExitBadMountPoint, "mount point '" + given + "' does not exist");
+        return failErrno(error, errno, "cannot reach mount point '" + given + "'", QVImageExitBadMountPoint);
     }
     struct stat st {}, parent {};
-    if (::stat(resolved, &st) != 0) return failErrno(error, errno, "cannot reach mount point '" + given + "'", ExitBadMountPoint);
-    if (!S_ISDIR(st.st_mode)) return fail(error, ExitBadMountPoint, "mount point '" + given + "' is not a directory");
+    if (::stat(resolved, &st) != 0)
+        return failErrno(error, errno, "cannot reach mount point '" + given + "'", QVImageExitBadMountPoint);
+    if (!S_ISDIR(st.st_mode))
+        return fail(error, QVImageExitBadMountPoint, "mount point '" + given + "' is not a directory");
     const std::string path = resolved;
-    const std::string up = path == "/" ? "/" : path.substr(0, std::max<size_t>(1, path.find_last_of('/')));
-    if (path == "/" || mountAt(path) || (::stat(up.c_str(), &parent) == 0 && parent.st_dev != st.st_dev))
-        return fail(error, ExitBadMountPoint, "'" + given + "' is a mount point already");
+    const std::string up = QVParentPath(path);
+    if (path == "/" || QVMountAt(path) || (::stat(up.c_str(), &parent) == 0 && parent.st_dev != st.st_dev))
+        return fail(error, QVImageExitBadMountPoint, "'" + given + "' is a mount point already");
     DIR* dir = ::opendir(resolved);
-    if (!dir) return failErrno(error, errno, "cannot read mount point '" + given + "'", ExitBadMountPoint);
+    if (!dir) return failErrno(error, errno, "cannot read mount point '" + given + "'", QVImageExitBadMountPoint);
     bool empty = true;
     while (dirent* e = ::readdir(dir)) {
         const std::string name = e->d_name;
@@ -50,7 +55,7 @@ bool checkMountPoint(const std::string& given, std::string* canonical, QVError* 
         }
     }
     ::closedir(dir);
-    if (!empty) return fail(error, ExitBadMountPoint, "mount point '" + given + "' is not empty");
+    if (!empty) return fail(error, QVImageExitBadMountPoint, "mount point '" + given + "' is not empty");
     *canonical = path;
     return true;
 }
@@ -64,12 +69,12 @@ bool mountWithFuse2fs(Attachment* a, bool nobrowse, QVError* error) {
     // fuse2fs mounts, then leaves a daemon behind and returns; it may return 0
     // without mounting, so the mount table has the last word.
     ProgramResult r = runProgram(kFuse2fs, args);
-    if (!r.ok()) return fail(error, ExitFailure, "fuse2fs failed: " + r.summary());
-    if (!waitUntil([&] { return mountAt(a->mountPoint).has_value(); }, std::chrono::seconds(10)))
-        return fail(error, ExitFailure, "fuse2fs did not mount the volume: " + r.summary());
+    if (!r.ok()) return fail(error, QVImageExitFailure, "fuse2fs failed: " + r.summary());
+    if (!waitUntil([&] { return QVMountAt(a->mountPoint).has_value(); }, std::chrono::seconds(10)))
+        return fail(error, QVImageExitFailure, "fuse2fs did not mount the volume: " + r.summary());
     std::vector<std::string> argv{kFuse2fs};
     argv.insert(argv.end(), args.begin(), args.end());
-    a->fsPid = findProcessByArguments(argv);
+    a->fsPid = QVFindProcessByArguments(argv);
     if (nobrowse && ::geteuid() == 0) {
         // FUSE takes no user-space options; the mount table of user-space
         // options (utab), where file managers look for x-gvfs-hide, is written
@@ -85,16 +90,16 @@ bool mountWithKernel(Attachment* a, bool nobrowse, QVError* error) {
     std::string options = "loop,nosuid,nodev";
     if (nobrowse) options += ",x-gvfs-hide";
     ProgramResult r = runProgram(kMount, {"-t", "ext4", "-o", options, a->devEntry, a->mountPoint});
-    if (!r.ok()) return fail(error, ExitFailure, "mount failed: " + r.summary());
-    std::optional<MountEntry> m;
-    if (!waitUntil([&] { return (m = mountAt(a->mountPoint)).has_value(); }, std::chrono::seconds(10)))
-        return fail(error, ExitFailure, "the kernel did not mount the volume");
+    if (!r.ok()) return fail(error, QVImageExitFailure, "mount failed: " + r.summary());
+    std::optional<QVMountEntry> m;
+    if (!waitUntil([&] { return (m = QVMountAt(a->mountPoint)).has_value(); }, std::chrono::seconds(10)))
+        return fail(error, QVImageExitFailure, "the kernel did not mount the volume");
     a->loopDevice = m->source;
     return true;
 }
 
 void unmountAfterFailure(const Attachment& a) {
-    if (a.mountPoint.empty() || !mountAt(a.mountPoint)) return;
+    if (a.mountPoint.empty() || !QVMountAt(a.mountPoint)) return;
     if (a.layer == "kernel" || ::geteuid() == 0) {
         runProgram(kUmount, {"-i", "-l", a.mountPoint});
     } else {
@@ -112,9 +117,9 @@ bool printEntities(const Attachment& a, QVError* error) {
     Dict top;
     top["system-entities"] = Value::newArray({Value::newDict(std::move(entity))});
     auto xml = QVPropertyListToXML(Value::newDict(std::move(top)));
-    if (!xml) return fail(error, ExitFailure, "cannot describe the attachment");
+    if (!xml) return fail(error, QVImageExitFailure, "cannot describe the attachment");
     std::fwrite(xml->data(), 1, xml->size(), stdout);
-    if (std::fflush(stdout) != 0) return fail(error, ExitFailure, "cannot write to standard output");
+    if (std::fflush(stdout) != 0) return fail(error, QVImageExitFailure, "cannot write to standard output");
     return true;
 }
 
@@ -128,7 +133,7 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     const bool nomount = args.has("-nomount");
     const std::string* mountPoint = args.value("-mountpoint");
     if (nomount == (mountPoint != nullptr))
-        return refuse(error, ExitUsage, "give either -mountpoint <dir> or -nomount");
+        return refuse(error, QVImageExitUsage, "give either -mountpoint <dir> or -nomount");
     SecureBytes password;
     if (!readPasswordIfGiven(args, true, &password, error)) return exitStatusOf(error);
 
@@ -141,7 +146,7 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     if (!nomount) {
         if (!checkMountPoint(*mountPoint, &a.mountPoint, error)) return exitStatusOf(error);
         if (ctx.layer == Layer::Kernel && ::geteuid() != 0)
-            return refuse(error, ExitFailure, "the kernel layer mounts through a loop device and needs root");
+            return refuse(error, QVImageExitFailure, "the kernel layer mounts through a loop device and needs root");
     }
     SecureBytes key;
     if (!image.unwrapKey(password, &key, error)) return exitStatusOf(error);
@@ -150,14 +155,14 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     std::string base;
     if (!runtimeBase(&base, error)) return exitStatusOf(error);
     sweepStaleAttachments(base);
-    int lockFd = -1;
-    if (!makeAttachmentDir(base, &a.dir, &lockFd, error)) return exitStatusOf(error);
+    UniqueFd lock;
+    if (!makeAttachmentDir(base, &a.dir, &lock, error)) return exitStatusOf(error);
     a.devEntry = devEntryOf(a.dir);
     DeviceOptions options;
     options.attachmentDir = a.dir;
     options.detached = true;
-    const bool started = startDeviceServer(image, key, options, lockFd, &a.devicePid, error);
-    ::close(lockFd);
+    const bool started = startDeviceServer(image, key, options, lock.get(), &a.devicePid, error);
+    lock.reset();
     if (!started) {
         removeAttachmentDir(a.dir);
         return exitStatusOf(error);
@@ -175,7 +180,7 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     if (nomount) {
         // The caller learns the disk's path from the property list.
         if (!printEntities(a, error)) return undo();
-        return ExitOK;
+        return QVImageExitOK;
     }
     // A mounted volume writes, and a repair writes more: neither starts on a
     // disk too full to take it.
@@ -200,7 +205,7 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     // The device process now ends by itself once the file system lets go of the disk.
     requestDeviceStop(a.devicePid);
     if (args.has("-plist") && !printEntities(a, error)) return exitStatusOf(error);
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

@@ -15,7 +15,9 @@
 #include <memory>
 #include <vector>
 
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
+#include "toolkit/WriteAll.h"
 
 namespace qv::image {
 
@@ -52,20 +54,6 @@ int readFully(int fd, uint8_t* p, size_t length, uint64_t offset) {
         done += size_t(n);
     }
     if (done < length) std::memset(p + done, 0, length - done);
-    return 0;
-}
-
-int writeFully(int fd, const uint8_t* p, size_t length, uint64_t offset) {
-    size_t done = 0;
-    while (done < length) {
-        ssize_t n = ::pwrite(fd, p + done, length - done, off_t(offset + done));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        if (n == 0) return EIO;
-        done += size_t(n);
-    }
     return 0;
 }
 
@@ -170,11 +158,7 @@ bool XtsCipher::decrypt(uint64_t index, const uint8_t* in, uint8_t* out, size_t 
 // ------------------------------------------------------------------ BandStore
 
 struct BandStore::BandFile {
-    int fd = -1;
-    explicit BandFile(int f) : fd(f) {}
-    ~BandFile() {
-        if (fd >= 0) ::close(fd);
-    }
+    UniqueFd fd;
 };
 
 BandStore::BandStore(int bandsDirFd, uint64_t size, Encryption encryption, const uint8_t* key)
@@ -204,28 +188,28 @@ BandStore::BandRef BandStore::openBand(uint64_t band, bool create, int* err) {
         }
     }
     const std::string name = bandName(band);
-    int fd = ::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0 && errno == ENOENT && create) {
-        fd = ::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd >= 0) {
+    UniqueFd fd(::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd && errno == ENOENT && create) {
+        fd.reset(::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (fd) {
             // Full length from the start, as a hole: the file's size never has to
             // change again, and what was never written reads as zeros.
-            if (::ftruncate(fd, off_t(bandLength(band))) != 0) {
+            if (::ftruncate(fd.get(), off_t(bandLength(band))) != 0) {
                 *err = errno;
-                ::close(fd);
+                fd.reset();
                 ::unlinkat(bandsDirFd_, name.c_str(), 0);
                 return nullptr;
             }
             markDirectoryDirty();
         } else if (errno == EEXIST) {
-            fd = ::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+            fd.reset(::openat(bandsDirFd_, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
         }
     }
-    if (fd < 0) {
+    if (!fd) {
         if (errno != ENOENT || create) *err = errno;
         return nullptr;
     }
-    auto ref = std::make_shared<BandFile>(fd);
+    auto ref = std::make_shared<BandFile>(BandFile{std::move(fd)});
     std::lock_guard<std::mutex> g(cacheMutex_);
     auto it = cache_.find(band);
     if (it != cache_.end()) return it->second.first;  // another thread opened it meanwhile
@@ -297,7 +281,7 @@ int BandStore::readInBand(uint64_t band, uint64_t offset, size_t length, uint8_t
     const uint64_t last = (offset + length + kSectorSize - 1) / kSectorSize;
     const size_t span = size_t((last - first) * kSectorSize);
     uint8_t* buf = scratch().storedBytes.get();
-    if ((err = readFully(file->fd, buf, span, first * kSectorSize))) return err;
+    if ((err = readFully(file->fd.get(), buf, span, first * kSectorSize))) return err;
     const uint64_t base = band * kSectorsPerBand + first;
     // Whole sectors (what the kernel asks for) are decrypted straight into
     // the caller's buffer; a part of a sector goes through the scratch space.
@@ -345,7 +329,7 @@ int BandStore::writeInBand(uint64_t band, uint64_t offset, size_t length, const 
     for (uint64_t i = 0; i < count && !anyZero; ++i) anyZero = isAllZero(plain + i * kSectorSize, kSectorSize);
     const bool haveStored = file && (partial || anyZero);
     if (haveStored) {
-        if ((err = readFully(file->fd, stored, span, first * kSectorSize))) return err;
+        if ((err = readFully(file->fd.get(), stored, span, first * kSectorSize))) return err;
     } else {
         std::memset(stored, 0, span);
     }
@@ -398,8 +382,8 @@ int BandStore::writeInBand(uint64_t band, uint64_t offset, size_t length, const 
         }
         uint64_t j = i;
         while (j < count && !skip[j]) ++j;
-        if ((err = writeFully(file->fd, plain + i * kSectorSize, size_t((j - i) * kSectorSize),
-                              (first + i) * kSectorSize)))
+        if ((err = QVWriteAllAt(file->fd.get(), plain + i * kSectorSize, size_t((j - i) * kSectorSize),
+                                off_t((first + i) * kSectorSize))))
             return err;
         i = j;
     }
@@ -452,18 +436,19 @@ int BandStore::discardInBand(uint64_t band, uint64_t offset, uint64_t length) {
     int err = 0;
     BandRef file = openBand(band, false, &err);
     if (!file) return err;
-    if (::fallocate(file->fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(firstWhole),
+    if (::fallocate(file->fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(firstWhole),
                     off_t(endWhole - firstWhole)) != 0) {
         if (errno != EOPNOTSUPP) return errno;
         // No holes on this file system: stored zeros read as zeros just the same.
         static const std::vector<uint8_t> zeroPiece(kPiece, 0);
         for (uint64_t pos = firstWhole; pos < endWhole; pos += kPiece)
-            if ((err = writeFully(file->fd, zeroPiece.data(), size_t(std::min(kPiece, endWhole - pos)), pos)))
+            if ((err = QVWriteAllAt(file->fd.get(), zeroPiece.data(), size_t(std::min(kPiece, endWhole - pos)),
+                                    off_t(pos))))
                 return err;
     }
     markDirty(band);
     // A band with no data left goes away.
-    if (::lseek(file->fd, 0, SEEK_DATA) < 0 && errno == ENXIO) {
+    if (::lseek(file->fd.get(), 0, SEEK_DATA) < 0 && errno == ENXIO) {
         forgetBand(band);
         if (::unlinkat(bandsDirFd_, name.c_str(), 0) != 0 && errno != ENOENT) return errno;
         markDirectoryDirty();
@@ -498,7 +483,7 @@ int BandStore::sync() {
             }
             continue;  // deleted since: nothing of it to keep
         }
-        if (::fdatasync(file->fd) != 0) {
+        if (::fdatasync(file->fd.get()) != 0) {
             failed.insert(band);
             if (!firstError) firstError = errno;
         }

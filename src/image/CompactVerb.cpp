@@ -16,6 +16,7 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -32,11 +33,11 @@ struct FreeRanges {
 bool findFreeRanges(const std::string& disk, uint64_t diskSize, FreeRanges* out, QVError* error) {
     ext2_filsys fs = nullptr;
     errcode_t err = ext2fs_open2(disk.c_str(), nullptr, EXT2_FLAG_64BITS, 0, 0, unix_io_manager, &fs);
-    if (err) return fail(error, ExitFailure, std::string("cannot open the file system: ") + error_message(err));
+    if (err) return fail(error, QVImageExitFailure, std::string("cannot open the file system: ") + error_message(err));
     err = ext2fs_read_block_bitmap(fs);
     if (err) {
         ext2fs_close_free(&fs);
-        return fail(error, ExitFailure, std::string("cannot read the block bitmap: ") + error_message(err));
+        return fail(error, QVImageExitFailure, std::string("cannot read the block bitmap: ") + error_message(err));
     }
     const uint64_t blockSize = fs->blocksize;
     const blk64_t first = fs->super->s_first_data_block;
@@ -74,27 +75,21 @@ int runCompact(const std::vector<std::string>& words, const VerbContext&, QVErro
     if (!checkFileSystem(image, device.disk(), false, error)) return exitStatusOf(error);
     FreeRanges free;
     if (!findFreeRanges(device.disk(), image.info().size, &free, error)) return exitStatusOf(error);
-    int fd = ::open(device.disk().c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return refuseErrno(error, errno, "cannot open the disk");
+    UniqueFd fd(::open(device.disk().c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd) return refuseErrno(error, errno, "cannot open the disk");
     for (const auto& [offset, length] : free.ranges) {
-        if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(offset), off_t(length)) != 0) {
-            const int err = errno;
-            ::close(fd);
-            return refuseErrno(error, err, "cannot discard free space");
-        }
+        if (::fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(offset), off_t(length)) != 0)
+            return refuseErrno(error, errno, "cannot discard free space");
     }
-    if (::fsync(fd) != 0) {
-        const int err = errno;
-        ::close(fd);
-        return refuseErrno(error, err, "cannot sync the disk");
-    }
-    ::close(fd);
+    if (::fsync(fd.get()) != 0) return refuseErrno(error, errno, "cannot sync the disk");
+    // Closed before the device stops: it stops only once nobody has the disk open.
+    fd.reset();
     if (!device.stop(error)) return exitStatusOf(error);
     const uint64_t after = image.storedBytes();
     const uint64_t reclaimed = before > after ? before - after : 0;
     std::printf("Reclaimed %s out of %s possible.\n", humanSize(reclaimed).c_str(), humanSize(free.freeBytes).c_str());
-    if (std::fflush(stdout) != 0) return refuse(error, ExitFailure, "cannot write to standard output");
-    return ExitOK;
+    if (std::fflush(stdout) != 0) return refuse(error, QVImageExitFailure, "cannot write to standard output");
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

@@ -19,6 +19,7 @@
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VerbSupport.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 
@@ -74,10 +75,10 @@ bool writeHiddenFile(const std::string& disk, QVError* error) {
     if (ok) r = runProgram(kDebugfs, {"-w", "-f", commands, disk});
     removeTree(dir);
     if (!ok) return failErrno(error, int(e.code), "cannot prepare .hidden");
-    if (!r.ok()) return fail(error, ExitFailure, "cannot write .hidden: " + r.summary());
+    if (!r.ok()) return fail(error, QVImageExitFailure, "cannot write .hidden: " + r.summary());
     ProgramResult check = runProgram(kDebugfs, {"-R", "cat /.hidden", disk});
     if (!check.ok() || check.out != "lost+found\n")
-        return fail(error, ExitFailure, "cannot write .hidden: " + (check.ok() ? r.summary() : check.summary()));
+        return fail(error, QVImageExitFailure, "cannot write .hidden: " + (check.ok() ? r.summary() : check.summary()));
     return true;
 }
 
@@ -91,15 +92,15 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
 
     ImageInfo info;
     const std::string* encryption = args.value("-encryption");
-    if (!encryption) return refuse(error, ExitUsage, "-encryption is required (AES-256 or AES-128)");
+    if (!encryption) return refuse(error, QVImageExitUsage, "-encryption is required (AES-256 or AES-128)");
     if (*encryption == "AES-256")
         info.encryption = Encryption::AES256;
     else if (*encryption == "AES-128")
         info.encryption = Encryption::AES128;
     else
-        return refuse(error, ExitUsage, "unknown encryption '" + *encryption + "' (AES-256 or AES-128)");
+        return refuse(error, QVImageExitUsage, "unknown encryption '" + *encryption + "' (AES-256 or AES-128)");
     if (const std::string* type = args.value("-type"); type && *type != "SPARSEBUNDLE")
-        return refuse(error, ExitUsage, "unknown image type '" + *type + "' (SPARSEBUNDLE)");
+        return refuse(error, QVImageExitUsage, "unknown image type '" + *type + "' (SPARSEBUNDLE)");
     bool journal = true;
     if (const std::string* fs = args.value("-fs")) {
         if (*fs == "HFS+J")
@@ -107,10 +108,10 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
         else if (*fs == "HFS+")
             journal = false;
         else
-            return refuse(error, ExitUsage, "unknown file system '" + *fs + "' (HFS+J or HFS+)");
+            return refuse(error, QVImageExitUsage, "unknown file system '" + *fs + "' (HFS+J or HFS+)");
     }
     const std::string* sizeWord = args.value("-size");
-    if (!sizeWord) return refuse(error, ExitUsage, "-size is required");
+    if (!sizeWord) return refuse(error, QVImageExitUsage, "-size is required");
     if (!parseImageSize(*sizeWord, &info.size, error)) return exitStatusOf(error);
     const std::string label = labelFor(args.value("-volname") ? *args.value("-volname") : "untitled");
 
@@ -122,7 +123,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     if (target.filename().empty()) target = target.parent_path();
     const std::string name = target.filename().string();
     if (name.empty() || name == "." || name == "..")
-        return refuse(error, ExitUsage, "bad image path '" + args.positional + "'");
+        return refuse(error, QVImageExitUsage, "bad image path '" + args.positional + "'");
     char parentBuf[PATH_MAX];
     if (!::realpath(target.parent_path().c_str(), parentBuf))
         return refuseErrno(error, errno, "cannot use the folder of '" + args.positional + "'");
@@ -130,31 +131,23 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     const std::string path = parent + "/" + name;
 
     // What is at the path already: only an image (or an empty folder) is ever replaced.
-    int oldFd = -1;
+    UniqueFd oldLock;
     struct stat st {};
     if (::lstat(path.c_str(), &st) == 0) {
-        if (!args.has("-ov")) return refuse(error, ExitFailure, "'" + path + "' already exists");
+        if (!args.has("-ov")) return refuse(error, QVImageExitFailure, "'" + path + "' already exists");
         if (!S_ISDIR(st.st_mode) || !isReplaceable(path))
-            return refuse(error, ExitFailure, "'" + path + "' is not an image; not replacing it");
-        oldFd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        if (oldFd < 0) return refuseErrno(error, errno, "cannot open '" + path + "'");
-        if (::flock(oldFd, LOCK_EX | LOCK_NB) != 0) {
-            ::close(oldFd);
-            return refuse(error, ExitAttached, "'" + path + "' is attached; not replacing it");
-        }
+            return refuse(error, QVImageExitFailure, "'" + path + "' is not an image; not replacing it");
+        oldLock.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+        if (!oldLock) return refuseErrno(error, errno, "cannot open '" + path + "'");
+        if (::flock(oldLock.get(), LOCK_EX | LOCK_NB) != 0)
+            return refuse(error, QVImageExitAttached, "'" + path + "' is attached; not replacing it");
     } else if (errno != ENOENT) {
         return refuseErrno(error, errno, "cannot reach '" + path + "'");
     }
-    struct OldLock {
-        int fd;
-        ~OldLock() {
-            if (fd >= 0) ::close(fd);
-        }
-    } oldLock{oldFd};
 
     struct statvfs vfs {};
     if (::statvfs(parent.c_str(), &vfs) == 0 && uint64_t(vfs.f_bavail) * vfs.f_frsize < kRoomToChange)
-        return refuse(error, ExitNoSpace, "not enough space in '" + parent + "' for a new image");
+        return refuse(error, QVImageExitNoSpace, "not enough space in '" + parent + "' for a new image");
 
     std::string staging = parent + "/." + name + ".qv-new-XXXXXX";
     if (!::mkdtemp(staging.data())) return refuseErrno(error, errno, "cannot make a folder in '" + parent + "'");
@@ -200,7 +193,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
                                 unsigned(::getuid()), unsigned(::getgid())));
         mkfs.push_back(device.disk());
         ProgramResult r = runProgram(kMkfsExt4, mkfs);
-        if (!r.ok()) return refuse(error, ExitFailure, "mkfs.ext4 failed: " + r.summary());
+        if (!r.ok()) return refuse(error, QVImageExitFailure, "mkfs.ext4 failed: " + r.summary());
         if (!writeHiddenFile(device.disk(), error)) return exitStatusOf(error);
         if (!device.stop(error)) return exitStatusOf(error);
     }
@@ -208,7 +201,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
     if (!QVSyncDirectory(staging, &e)) return refuseErrno(error, int(e.code), "cannot sync the new image");
 
     // Into place: swapped with the old image in one step, or moved where nothing was.
-    if (oldFd >= 0) {
+    if (oldLock) {
         if (::renameat2(AT_FDCWD, staging.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) != 0)
             return refuseErrno(error, errno, "cannot put the new image in place of the old one");
         // The staging name now holds the old image, removed by the guard.
@@ -218,7 +211,7 @@ int runCreate(const std::vector<std::string>& words, const VerbContext&, QVError
         stagingGuard.keep = true;
     }
     if (!QVSyncDirectory(parent, &e)) return refuseErrno(error, int(e.code), "cannot sync '" + parent + "'");
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

@@ -9,12 +9,14 @@
 #include <climits>
 #include <cstdlib>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
 #include "image/Holders.h"
 #include "image/ImageTool.h"
 #include "image/Options.h"
 #include "image/VolumeFlusher.h"
+#include "sys/LoopDevices.h"
+#include "sys/MountTable.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
@@ -40,7 +42,8 @@ std::optional<Attachment> findAttachment(const std::string& target, const std::s
         if (a && (a->devEntry == target || (!a->mountPoint.empty() && a->mountPoint == target))) return a;
     }
     std::string disk = target;
-    if (auto m = mountAt(target)) disk = m->source.rfind("/dev/loop", 0) == 0 ? loopBackingFile(m->source) : m->source;
+    if (auto m = QVMountAt(target))
+        disk = m->source.rfind("/dev/loop", 0) == 0 ? QVLoopBackingFile(m->source) : m->source;
     const std::string dir = stripSuffix(disk, "/dev/disk");
     if (dir.empty()) return std::nullopt;
     auto a = readAttachment(dir);
@@ -65,21 +68,22 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     const bool force = args.has("-force");
     char resolved[PATH_MAX];
     if (!::realpath(args.positional.c_str(), resolved))
-        return refuse(error, ExitFailure, "'" + args.positional + "' is not an attached image");
+        return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
     const std::string target = resolved;
     std::string base;
     if (!runtimeBase(&base, error)) return exitStatusOf(error);
     auto found = findAttachment(target, base);
-    if (!found) return refuse(error, ExitFailure, "'" + args.positional + "' is not an attached image");
+    if (!found) return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
     Attachment a = *found;
     const FlushPause pause(a.dir);
     std::set<pid_t> ours{a.devicePid};
     if (a.fsPid > 0) ours.insert(a.fsPid);
 
-    const bool mounted = !a.mountPoint.empty() && mountAt(a.mountPoint).has_value();
+    const bool mounted = !a.mountPoint.empty() && QVMountAt(a.mountPoint).has_value();
     if (mounted) {
         if (!force) {
-            if (auto holder = findHolder(a.mountPoint, ours)) return refuse(error, ExitBusy, busyMessage(a.mountPoint, holder));
+            if (auto holder = findHolder(a.mountPoint, ours))
+                return refuse(error, QVImageExitBusy, busyMessage(a.mountPoint, holder));
         }
         ProgramResult r;
         if (a.layer == "kernel" || ::geteuid() == 0) {
@@ -89,27 +93,29 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
             r = force ? runProgram(kFusermount3, {"-u", "-z", a.mountPoint}) : runProgram(kFusermount3, {"-u", a.mountPoint});
         }
         if (!r.ok()) {
-            if (looksBusy(r)) return refuse(error, ExitBusy, busyMessage(a.mountPoint, findHolder(a.mountPoint, ours)));
-            return refuse(error, ExitFailure, "cannot unmount '" + a.mountPoint + "': " + r.summary());
+            if (looksBusy(r))
+                return refuse(error, QVImageExitBusy, busyMessage(a.mountPoint, findHolder(a.mountPoint, ours)));
+            return refuse(error, QVImageExitFailure, "cannot unmount '" + a.mountPoint + "': " + r.summary());
         }
     } else if (a.mountPoint.empty() && !force) {
         // A disk served without mount: nobody may still have it open.
-        if (auto holder = findHolder(a.devEntry, ours)) return refuse(error, ExitBusy, busyMessage(a.devEntry, holder));
+        if (auto holder = findHolder(a.devEntry, ours))
+            return refuse(error, QVImageExitBusy, busyMessage(a.devEntry, holder));
     }
 
     if (force) {
         // The device process ends once the last user of the disk is gone.
         requestDeviceStop(a.devicePid);
-        return ExitOK;
+        return QVImageExitOK;
     }
     if (mounted && a.layer == "kernel" && ::geteuid() == 0) {
         // The loop device goes by itself with the unmount; one that stays would
         // keep the disk open for ever.
-        if (!waitUntil([&] { return loopDevicesOf(a.devEntry).empty(); }, std::chrono::seconds(5)))
-            for (const auto& loop : loopDevicesOf(a.devEntry)) runProgram(kLosetup, {"-d", loop});
+        if (!waitUntil([&] { return QVLoopDevicesOf(a.devEntry).empty(); }, std::chrono::seconds(5)))
+            for (const auto& loop : QVLoopDevicesOf(a.devEntry)) runProgram(kLosetup, {"-d", loop});
     }
     if (!stopDeviceServer(a.dir, a.devicePid, true, kDetachWait, error)) return exitStatusOf(error);
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

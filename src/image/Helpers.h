@@ -1,7 +1,7 @@
 #pragma once
-// The helper programs qv-image drives (by absolute path, never with a secret in
-// their arguments), the mount table, and the runtime directory where attached
-// images keep their record.
+// How qv-image runs the helper programs it drives (by absolute path, never with
+// a secret in their arguments), and the runtime directory where attached images
+// keep their record.
 #include <sys/types.h>
 
 #include <chrono>
@@ -12,64 +12,23 @@
 #include <vector>
 
 #include "image/ImageTool.h"
+#include "sys/ProgramRunner.h"
+#include "sys/SystemPrograms.h"
 
 namespace qv::image {
 
-// Absolute paths of the helpers.
-inline constexpr const char* kMkfsExt4 = "/usr/sbin/mkfs.ext4";
-inline constexpr const char* kE2fsck = "/usr/sbin/e2fsck";
-inline constexpr const char* kResize2fs = "/usr/sbin/resize2fs";
-inline constexpr const char* kDebugfs = "/usr/sbin/debugfs";
-inline constexpr const char* kFuse2fs = "/usr/bin/fuse2fs";
+// fuse2fs's mount options for writes of up to 128 KiB instead of a page at a time.
 inline constexpr const char* kFuse2fsSpeedOptions = "big_writes,max_write=131072";
-inline constexpr const char* kFusermount3 = "/usr/bin/fusermount3";
-inline constexpr const char* kMount = "/usr/bin/mount";
-inline constexpr const char* kUmount = "/usr/bin/umount";
-inline constexpr const char* kLosetup = "/usr/sbin/losetup";
 
-struct ProgramResult {
-    bool started = false;
-    bool exited = false;
-    int status = -1;  // exit status when exited
-    int signal = 0;   // when killed by a signal
-    std::string out;
-    std::string err;
-
-    bool ok() const { return exited && status == 0; }
-    // One line for an error message: the program's last words, or how it ended.
-    std::string summary() const;
-};
-
-// Runs a program with standard input from /dev/null (or the given bytes),
-// standard output and error captured, every other descriptor closed, and the
-// C locale so that its output can be parsed.
+// Runs a helper program through the one runner: standard input from /dev/null
+// (or the given bytes), standard output and error captured together, every other
+// descriptor closed, and the C locale so that its output can be parsed.
+using ProgramResult = QVProgramResult;
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& args,
                          const std::string* input = nullptr);
 
 // Polls `done` every 20 ms until it is true or the time is up.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
-
-// --------------------------------------------------------------- mount table
-
-struct MountEntry {
-    std::string mountPoint;
-    std::string fsType;
-    std::string source;
-};
-std::vector<MountEntry> readMountTable();
-std::optional<MountEntry> mountAt(const std::string& path);
-
-// The file behind a loop device ("/dev/loop3"), empty when it has none.
-std::string loopBackingFile(const std::string& device);
-// Loop devices whose backing file is `file`.
-std::vector<std::string> loopDevicesOf(const std::string& file);
-
-// --------------------------------------------------------------- processes
-
-bool processAlive(pid_t pid);  // exists and is not a zombie
-std::string processName(pid_t pid);  // the command name of /proc/<pid>/comm
-// The first process whose argument vector is exactly `argv`, 0 when none.
-pid_t findProcessByArguments(const std::vector<std::string>& argv);
 
 // --------------------------------------------------------------- runtime directory
 

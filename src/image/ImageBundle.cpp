@@ -117,11 +117,12 @@ bool makeDiskKey(Encryption encryption, SecureBytes* key, QVError* error) {
     const size_t n = xtsKeyLength(encryption);
     key->resize(n);
     for (int attempt = 0; attempt < 8; ++attempt) {
-        if (RAND_bytes(key->data(), int(n)) != 1) return fail(error, ExitFailure, "no random bytes for the disk key");
+        if (RAND_bytes(key->data(), int(n)) != 1)
+            return fail(error, QVImageExitFailure, "no random bytes for the disk key");
         // XTS needs two different AES keys.
         if (std::memcmp(key->data(), key->data() + n / 2, n / 2) != 0) return true;
     }
-    return fail(error, ExitFailure, "the random generator keeps repeating itself");
+    return fail(error, QVImageExitFailure, "the random generator keeps repeating itself");
 }
 
 bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* token, QVError* error) {
@@ -130,7 +131,7 @@ bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* tok
     auto container = QVCrypto::encrypt(plain, pw);
     QVWipe(plain);
     QVWipe(pw);
-    if (!container) return fail(error, ExitFailure, "cannot wrap the disk key");
+    if (!container) return fail(error, QVImageExitFailure, "cannot wrap the disk key");
     *token = std::move(*container);
     return true;
 }
@@ -145,7 +146,7 @@ bool tokenLooksValid(const Bytes& token, Encryption encryption) {
 
 bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes& password, SecureBytes* key,
                    QVError* error) {
-    if (!tokenLooksValid(token, encryption)) return fail(error, ExitNotAnImage, "the image's token is damaged");
+    if (!tokenLooksValid(token, encryption)) return fail(error, QVImageExitNotAnImage, "the image's token is damaged");
     SecureBytes out(token.size());
     size_t outLength = 0;
     // The time limit only guards against absurd parameters: a token we made
@@ -156,19 +157,20 @@ bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes&
     case 0:
         break;
     case 11:
-        return fail(error, ExitWrongPassword, "wrong password");
+        return fail(error, QVImageExitWrongPassword, "wrong password");
     case 7:
     case 8:
-        return fail(error, ExitNotAnImage, "the image's token is damaged");
+        return fail(error, QVImageExitNotAnImage, "the image's token is damaged");
     case 9:
     case 10:
-        return fail(error, ExitNotAnImage, "the image's token asks for more memory or time than this machine has");
+        return fail(error, QVImageExitNotAnImage,
+                    "the image's token asks for more memory or time than this machine has");
     default:
-        return fail(error, ExitFailure, QVFormat("cannot unwrap the disk key (error %d)", rc));
+        return fail(error, QVImageExitFailure, QVFormat("cannot unwrap the disk key (error %d)", rc));
     }
     const size_t n = xtsKeyLength(encryption);
     if (outLength != n || std::memcmp(out.data(), out.data() + n / 2, n / 2) == 0)
-        return fail(error, ExitNotAnImage, "the image's token holds no usable key");
+        return fail(error, QVImageExitNotAnImage, "the image's token holds no usable key");
     key->assign(out.data(), n);
     return true;
 }
@@ -176,9 +178,8 @@ bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes&
 ImageBundle::~ImageBundle() { close(); }
 
 void ImageBundle::close() {
-    if (bandsFd_ >= 0) ::close(bandsFd_);
-    if (dirFd_ >= 0) ::close(dirFd_);
-    bandsFd_ = dirFd_ = -1;
+    bandsFd_.reset();
+    dirFd_.reset();
     locked_ = false;
 }
 
@@ -186,25 +187,26 @@ bool ImageBundle::open(const std::string& path, QVError* error) {
     close();
     char resolved[PATH_MAX];
     if (!::realpath(path.c_str(), resolved)) {
-        if (errno == ENOENT || errno == ENOTDIR) return fail(error, ExitNotAnImage, "no image at '" + path + "'");
+        if (errno == ENOENT || errno == ENOTDIR)
+            return fail(error, QVImageExitNotAnImage, "no image at '" + path + "'");
         return failErrno(error, errno, "cannot reach '" + path + "'");
     }
     struct stat st {};
     if (::stat(resolved, &st) != 0) return failErrno(error, errno, "cannot reach '" + path + "'");
-    if (!S_ISDIR(st.st_mode)) return fail(error, ExitNotAnImage, "'" + path + "' is not an image (not a directory)");
-    int dirFd = ::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd < 0) return failErrno(error, errno, "cannot open '" + path + "'");
+    if (!S_ISDIR(st.st_mode))
+        return fail(error, QVImageExitNotAnImage, "'" + path + "' is not an image (not a directory)");
+    UniqueFd dirFd(::open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd) return failErrno(error, errno, "cannot open '" + path + "'");
 
     auto notAnImage = [&](const std::string& why) {
-        ::close(dirFd);
-        return fail(error, ExitNotAnImage, "'" + path + "' is not a usable image: " + why);
+        return fail(error, QVImageExitNotAnImage, "'" + path + "' is not a usable image: " + why);
     };
     std::optional<ImageInfo> info;
     std::string whyPlist, whyBackup;
     for (const char* name : {"Info.plist", "Info.bckup"}) {
         std::string& why = std::strcmp(name, "Info.plist") == 0 ? whyPlist : whyBackup;
         int err = 0;
-        auto bytes = readSmallFile(dirFd, name, kMaxInfoSize, &err);
+        auto bytes = readSmallFile(dirFd.get(), name, kMaxInfoSize, &err);
         if (!bytes) {
             why = err == ENOENT ? "missing" : std::strerror(err);
             continue;
@@ -219,25 +221,25 @@ bool ImageBundle::open(const std::string& path, QVError* error) {
     if (!info) return notAnImage("Info.plist " + whyPlist + ", Info.bckup " + whyBackup);
 
     int err = 0;
-    auto token = readSmallFile(dirFd, "token", 4096, &err);
+    auto token = readSmallFile(dirFd.get(), "token", 4096, &err);
     if (!token) return notAnImage(err == ENOENT ? "no token" : "token unreadable");
     if (!tokenLooksValid(*token, info->encryption)) return notAnImage("damaged token");
 
-    int bandsFd = ::openat(dirFd, "bands", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    if (bandsFd < 0) return notAnImage(errno == ENOENT ? "no bands directory" : "bands is not a directory");
+    UniqueFd bandsFd(::openat(dirFd.get(), "bands", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!bandsFd) return notAnImage(errno == ENOENT ? "no bands directory" : "bands is not a directory");
 
     path_ = resolved;
     info_ = *info;
     token_ = std::move(*token);
-    dirFd_ = dirFd;
-    bandsFd_ = bandsFd;
+    dirFd_ = std::move(dirFd);
+    bandsFd_ = std::move(bandsFd);
     return true;
 }
 
 bool ImageBundle::lock(QVError* error) {
     if (locked_) return true;
-    if (::flock(dirFd_, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return fail(error, ExitAttached, "'" + path_ + "' is already attached");
+    if (::flock(dirFd_.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) return fail(error, QVImageExitAttached, "'" + path_ + "' is already attached");
         return failErrno(error, errno, "cannot lock '" + path_ + "'");
     }
     locked_ = true;
@@ -247,16 +249,13 @@ bool ImageBundle::lock(QVError* error) {
 bool ImageBundle::lockedElsewhere() const {
     if (locked_) return false;
     // A descriptor of our own: a lock taken and dropped on it can't disturb anyone.
-    int fd = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    ::close(fd);
-    return held;
+    const UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd && ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 bool ImageBundle::writeInfo(const ImageInfo& info, QVError* error) {
     const Bytes bytes = infoPlistBytes(info);
-    if (bytes.empty()) return fail(error, ExitFailure, "cannot describe the image");
+    if (bytes.empty()) return fail(error, QVImageExitFailure, "cannot describe the image");
     QVError e;
     // The copy first: at every moment one of the two describes the image.
     for (const char* name : {"/Info.bckup", "/Info.plist"}) {
@@ -269,7 +268,7 @@ bool ImageBundle::writeInfo(const ImageInfo& info, QVError* error) {
 
 uint64_t ImageBundle::storedBytes(uint64_t* bandCount) const {
     uint64_t total = 0, count = 0;
-    int fd = ::dup(bandsFd_);
+    int fd = ::dup(bandsFd_.get());
     if (fd < 0) return 0;
     DIR* dir = ::fdopendir(fd);
     if (!dir) {
@@ -280,7 +279,7 @@ uint64_t ImageBundle::storedBytes(uint64_t* bandCount) const {
     while (dirent* e = ::readdir(dir)) {
         if (!parseBandName(e->d_name)) continue;
         struct stat st {};
-        if (::fstatat(bandsFd_, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
+        if (::fstatat(bandsFd_.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
             total += uint64_t(st.st_blocks) * 512;
             ++count;
         }
@@ -291,7 +290,7 @@ uint64_t ImageBundle::storedBytes(uint64_t* bandCount) const {
 }
 
 bool ImageBundle::trimBandsTo(uint64_t size, QVError* error) {
-    int fd = ::dup(bandsFd_);
+    int fd = ::dup(bandsFd_.get());
     if (fd < 0) return failErrno(error, errno, "cannot read the bands of '" + path_ + "'");
     DIR* dir = ::fdopendir(fd);
     if (!dir) {
@@ -306,23 +305,22 @@ bool ImageBundle::trimBandsTo(uint64_t size, QVError* error) {
     for (const auto& [name, band] : bands) {
         const uint64_t start = band * kBandSize;
         if (start >= size) {
-            if (::unlinkat(bandsFd_, name.c_str(), 0) != 0 && errno != ENOENT)
+            if (::unlinkat(bandsFd_.get(), name.c_str(), 0) != 0 && errno != ENOENT)
                 return failErrno(error, errno, "cannot delete band " + name);
         } else if (start + kBandSize > size) {
-            int bfd = ::openat(bandsFd_, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-            if (bfd < 0) return failErrno(error, errno, "cannot open band " + name);
+            const UniqueFd file(::openat(bandsFd_.get(), name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+            if (!file) return failErrno(error, errno, "cannot open band " + name);
             struct stat st {};
             int rc = 0;
-            if (::fstat(bfd, &st) == 0 && uint64_t(st.st_size) > size - start) {
-                rc = ::ftruncate(bfd, off_t(size - start));
-                if (rc == 0) rc = ::fsync(bfd);
+            if (::fstat(file.get(), &st) == 0 && uint64_t(st.st_size) > size - start) {
+                rc = ::ftruncate(file.get(), off_t(size - start));
+                if (rc == 0) rc = ::fsync(file.get());
             }
-            int err = errno;
-            ::close(bfd);
+            const int err = errno;
             if (rc != 0) return failErrno(error, err, "cannot cut band " + name);
         }
     }
-    if (::fsync(bandsFd_) != 0) return failErrno(error, errno, "cannot sync the bands of '" + path_ + "'");
+    if (::fsync(bandsFd_.get()) != 0) return failErrno(error, errno, "cannot sync the bands of '" + path_ + "'");
     return true;
 }
 
@@ -331,7 +329,7 @@ bool writeNewImageFiles(const std::string& dir, const ImageInfo& info, const Byt
     if (!QVWriteFileAtomically(dir + "/token", token, &e, 0600))
         return failErrno(error, int(e.code), "cannot write the token");
     const Bytes plist = infoPlistBytes(info);
-    if (plist.empty()) return fail(error, ExitFailure, "cannot describe the image");
+    if (plist.empty()) return fail(error, QVImageExitFailure, "cannot describe the image");
     for (const char* name : {"/Info.plist", "/Info.bckup"})
         if (!QVWriteFileAtomically(dir + name, plist, &e, 0600))
             return failErrno(error, int(e.code), std::string("cannot write ") + (name + 1));

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "image/ImageTool.h"
+#include "sys/UniqueFd.h"
 #include "vault/Value.h"
 
 namespace qv::image {
@@ -29,8 +30,8 @@ bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* tok
 // Whether the token can be a wrapped key of this encryption at all (length,
 // magic, version, header checksum), without the password.
 bool tokenLooksValid(const Bytes& token, Encryption encryption);
-// The key from the token: ExitWrongPassword for a wrong password,
-// ExitNotAnImage for a damaged token.
+// The key from the token: QVImageExitWrongPassword for a wrong password,
+// QVImageExitNotAnImage for a damaged token.
 bool unwrapDiskKey(const Bytes& token, Encryption encryption, const SecureBytes& password, SecureBytes* key,
                    QVError* error);
 
@@ -41,18 +42,18 @@ public:
     ImageBundle(const ImageBundle&) = delete;
     ImageBundle& operator=(const ImageBundle&) = delete;
 
-    // Opens an existing image; fails with ExitNotAnImage when the path holds
+    // Opens an existing image; fails with QVImageExitNotAnImage when the path holds
     // none or a damaged one. Nothing in it is changed.
     bool open(const std::string& path, QVError* error);
 
     const std::string& path() const { return path_; }  // absolute, symbolic links resolved
     const ImageInfo& info() const { return info_; }
     const Bytes& token() const { return token_; }
-    int directoryFd() const { return dirFd_; }
-    int bandsFd() const { return bandsFd_; }
+    int directoryFd() const { return dirFd_.get(); }
+    int bandsFd() const { return bandsFd_.get(); }
 
     // Takes the image's lock, held for as long as this process (or a child
-    // that inherits the descriptor) serves the disk. ExitAttached when taken.
+    // that inherits the descriptor) serves the disk. QVImageExitAttached when taken.
     bool lock(QVError* error);
     // True when another process holds the lock; does not keep it.
     bool lockedElsewhere() const;
@@ -74,8 +75,8 @@ private:
     std::string path_;
     ImageInfo info_;
     Bytes token_;
-    int dirFd_ = -1;
-    int bandsFd_ = -1;
+    UniqueFd dirFd_;
+    UniqueFd bandsFd_;
     bool locked_ = false;
 };
 

@@ -38,7 +38,7 @@ int runImageInfo(const std::vector<std::string>& words, const VerbContext&, QVEr
         d["stored-bytes"] = Value(static_cast<unsigned long long>(stored));
         d["attached"] = Value(image.lockedElsewhere());
         auto xml = QVPropertyListToXML(Value::newDict(std::move(d)));
-        if (!xml) return refuse(error, ExitFailure, "cannot describe the image");
+        if (!xml) return refuse(error, QVImageExitFailure, "cannot describe the image");
         std::fwrite(xml->data(), 1, xml->size(), stdout);
     } else {
         std::printf("Format version: %lld\nSize: %llu bytes (%s)\nBand size: %llu\nSector size: %llu\n"
@@ -49,8 +49,8 @@ int runImageInfo(const std::vector<std::string>& words, const VerbContext&, QVEr
                     static_cast<unsigned long long>(bands), static_cast<unsigned long long>(stored),
                     humanSize(stored).c_str(), image.lockedElsewhere() ? "yes" : "no");
     }
-    if (std::fflush(stdout) != 0) return refuse(error, ExitFailure, "cannot write to standard output");
-    return ExitOK;
+    if (std::fflush(stdout) != 0) return refuse(error, QVImageExitFailure, "cannot write to standard output");
+    return QVImageExitOK;
 }
 
 } // namespace qv::image

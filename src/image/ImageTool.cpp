@@ -25,12 +25,12 @@ bool fail(QVError* error, int status, const std::string& text) {
 
 int exitStatusOf(const QVError* error) {
     if (error && error->domain == kImageErrorDomain && error->code > 0 && error->code < 256) return int(error->code);
-    return ExitFailure;
+    return QVImageExitFailure;
 }
 
 bool failErrno(QVError* error, int err, const std::string& what, int status) {
     if (err == ENOSPC || err == EDQUOT) {
-        status = ExitNoSpace;
+        status = QVImageExitNoSpace;
     }
     return fail(error, status, what + ": " + std::strerror(err));
 }

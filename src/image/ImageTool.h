@@ -1,6 +1,7 @@
 #pragma once
-// What every part of qv-image shares: the exit statuses its callers read, the
-// geometry of an image, buffers for secrets, and the verbs' entry points.
+// What every part of qv-image shares: failing with the exit statuses its callers
+// read (sys/ImageToolStatus.h), the geometry of an image, buffers for secrets,
+// and the verbs' entry points.
 #include <sys/types.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sys/ImageToolStatus.h"
 #include "toolkit/QVError.h"
 
 namespace qv::image {
@@ -16,34 +18,22 @@ namespace qv::image {
 // The error domain of the tool; an error's code is the exit status it ends in.
 inline constexpr const char* kImageErrorDomain = "qv-image";
 
-enum ExitStatus : int {
-    ExitOK = 0,
-    ExitFailure = 1,        // I/O, a helper program failed, anything else
-    ExitUsage = 2,          // bad arguments, bad size, empty password
-    ExitWrongPassword = 3,
-    ExitNotAnImage = 4,     // missing, damaged or not an image at all
-    ExitAttached = 5,       // the image is in use by another qv-image process
-    ExitBadMountPoint = 6,  // missing, not a directory, not empty, already a mount point
-    ExitNoSpace = 7,
-    ExitBusy = 8,           // a process holds the volume
-};
-
 // Fills *error (when given) with the tool's domain and returns false, so that
-// a failing step reads `return fail(error, ExitUsage, "...")`.
+// a failing step reads `return fail(error, QVImageExitUsage, "...")`.
 bool fail(QVError* error, int status, const std::string& text);
 // The exit status an error stands for: its code when it is one of ours, else 1.
 int exitStatusOf(const QVError* error);
-// errno-based failure: ENOSPC and EDQUOT become ExitNoSpace, everything else `status`.
-bool failErrno(QVError* error, int err, const std::string& what, int status = ExitFailure);
+// errno-based failure: ENOSPC and EDQUOT become QVImageExitNoSpace, everything else `status`.
+bool failErrno(QVError* error, int err, const std::string& what, int status = QVImageExitFailure);
 
 // The same, for a verb that ends there: returns the status.
 inline int refuse(QVError* error, int status, const std::string& text) {
     fail(error, status, text);
     return status;
 }
-inline int refuseErrno(QVError* error, int err, const std::string& what, int status = ExitFailure) {
+inline int refuseErrno(QVError* error, int err, const std::string& what, int status = QVImageExitFailure) {
     failErrno(error, err, what, status);
-    return (err == ENOSPC || err == EDQUOT) ? int(ExitNoSpace) : status;
+    return (err == ENOSPC || err == EDQUOT) ? int(QVImageExitNoSpace) : status;
 }
 
 // Geometry. A band is one file of bands/ holding 8 MiB of the virtual disk;

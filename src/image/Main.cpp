@@ -32,14 +32,16 @@ int run(std::vector<std::string> words, QVError* error) {
     VerbContext ctx;
     if (const char* env = std::getenv("QV_IMAGE_LAYER"); env && *env) {
         if (!parseLayer(env, &ctx.layer))
-            return refuse(error, ExitUsage, std::string("unknown file-system layer '") + env + "' in QV_IMAGE_LAYER");
+            return refuse(error, QVImageExitUsage,
+                          std::string("unknown file-system layer '") + env + "' in QV_IMAGE_LAYER");
     }
     if (!words.empty() && words[0] == "-layer") {
         if (words.size() < 2 || !parseLayer(words[1], &ctx.layer))
-            return refuse(error, ExitUsage, "-layer takes fuse2fs or kernel");
+            return refuse(error, QVImageExitUsage, "-layer takes fuse2fs or kernel");
         words.erase(words.begin(), words.begin() + 2);
     }
-    if (words.empty()) return refuse(error, ExitUsage, "no verb: create, attach, detach, imageinfo, compact or resize");
+    if (words.empty())
+        return refuse(error, QVImageExitUsage, "no verb: create, attach, detach, imageinfo, compact or resize");
     const std::string verb = words[0];
     const std::vector<std::string> args(words.begin() + 1, words.end());
     if (verb == "create") return runCreate(args, ctx, error);
@@ -48,7 +50,7 @@ int run(std::vector<std::string> words, QVError* error) {
     if (verb == "imageinfo") return runImageInfo(args, ctx, error);
     if (verb == "compact") return runCompact(args, ctx, error);
     if (verb == "resize") return runResize(args, ctx, error);
-    return refuse(error, ExitUsage, "unknown verb '" + verb + "'");
+    return refuse(error, QVImageExitUsage, "unknown verb '" + verb + "'");
 }
 
 } // namespace
@@ -60,10 +62,10 @@ int main(int argc, char** argv) {
     try {
         status = run(std::vector<std::string>(argv + 1, argv + argc), &error);
     } catch (const std::exception& e) {
-        status = ExitFailure;
-        error = QVError{kImageErrorDomain, ExitFailure, std::string("internal error: ") + e.what()};
+        status = QVImageExitFailure;
+        error = QVError{kImageErrorDomain, QVImageExitFailure, std::string("internal error: ") + e.what()};
     }
-    if (status != ExitOK) {
+    if (status != QVImageExitOK) {
         std::string text = error.description.empty() ? "failed" : error.description;
         for (char& c : text)
             if (c == '\n' || c == '\r') c = ' ';

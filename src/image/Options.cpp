@@ -16,22 +16,23 @@ bool parseArguments(const std::vector<std::string>& args, const std::set<std::st
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& word = args[i];
         if (valued.count(word)) {
-            if (i + 1 >= args.size()) return fail(error, ExitUsage, "option " + word + " needs a value");
+            if (i + 1 >= args.size()) return fail(error, QVImageExitUsage, "option " + word + " needs a value");
             if (!parsed.values.emplace(word, args[i + 1]).second)
-                return fail(error, ExitUsage, "option " + word + " given twice");
+                return fail(error, QVImageExitUsage, "option " + word + " given twice");
             ++i;
         } else if (flags.count(word)) {
-            if (!parsed.flags.insert(word).second) return fail(error, ExitUsage, "option " + word + " given twice");
+            if (!parsed.flags.insert(word).second)
+                return fail(error, QVImageExitUsage, "option " + word + " given twice");
         } else if (!word.empty() && word[0] == '-') {
-            return fail(error, ExitUsage, "unknown option " + word);
+            return fail(error, QVImageExitUsage, "unknown option " + word);
         } else {
-            if (havePositional) return fail(error, ExitUsage, "unexpected argument '" + word + "'");
-            if (word.empty()) return fail(error, ExitUsage, "empty path");
+            if (havePositional) return fail(error, QVImageExitUsage, "unexpected argument '" + word + "'");
+            if (word.empty()) return fail(error, QVImageExitUsage, "empty path");
             parsed.positional = word;
             havePositional = true;
         }
     }
-    if (!havePositional) return fail(error, ExitUsage, "missing path");
+    if (!havePositional) return fail(error, QVImageExitUsage, "missing path");
     *out = std::move(parsed);
     return true;
 }
@@ -62,12 +63,12 @@ std::optional<uint64_t> parseSizeWord(const std::string& word) {
 
 bool parseImageSize(const std::string& word, uint64_t* bytes, QVError* error) {
     auto size = parseSizeWord(word);
-    if (!size) return fail(error, ExitUsage, "bad size '" + word + "': give <n>m, <n>g or a number of bytes");
+    if (!size) return fail(error, QVImageExitUsage, "bad size '" + word + "': give <n>m, <n>g or a number of bytes");
     const uint64_t rounded = *size / kSectorSize * kSectorSize;
     if (rounded < kMinImageSize || rounded > kMaxImageSize)
-        return fail(error, ExitUsage,
-                    "size '" + word + "' out of range: an image holds between " + humanSize(kMinImageSize) +
-                        " and " + humanSize(kMaxImageSize) +
+        return fail(error, QVImageExitUsage,
+                    "size '" + word + "' out of range: an image holds between " + humanSize(kMinImageSize) + " and " +
+                        humanSize(kMaxImageSize) +
                         QVFormat(" (%llu bytes)", static_cast<unsigned long long>(kMaxImageSize)));
     *bytes = rounded;
     return true;
@@ -79,16 +80,16 @@ bool readPasswordFromStdin(SecureBytes* password, QVError* error) {
     SecureBytes buffer(kMaxPassword + 1);
     size_t have = 0;
     for (;;) {
-        if (have == buffer.size()) return fail(error, ExitUsage, "the password on standard input is too long");
+        if (have == buffer.size()) return fail(error, QVImageExitUsage, "the password on standard input is too long");
         ssize_t n = ::read(STDIN_FILENO, buffer.data() + have, buffer.size() - have);
         if (n < 0) {
             if (errno == EINTR) continue;
-            return failErrno(error, errno, "cannot read the password from standard input", ExitUsage);
+            return failErrno(error, errno, "cannot read the password from standard input", QVImageExitUsage);
         }
         if (n == 0) break;
         have += size_t(n);
     }
-    if (have == 0) return fail(error, ExitUsage, "no password on standard input");
+    if (have == 0) return fail(error, QVImageExitUsage, "no password on standard input");
     password->assign(buffer.data(), have);
     return true;
 }

@@ -26,7 +26,7 @@ struct ParsedArguments {
 
 // `flags` are options on their own, `valued` take the next word as their value.
 // Exactly one positional word is required. Unknown or repeated options, a
-// missing value or a second positional word fail with ExitUsage.
+// missing value or a second positional word fail with QVImageExitUsage.
 bool parseArguments(const std::vector<std::string>& args, const std::set<std::string>& flags,
                     const std::set<std::string>& valued, ParsedArguments* out, QVError* error);
 
@@ -34,11 +34,11 @@ bool parseArguments(const std::vector<std::string>& args, const std::set<std::st
 // no fraction. nullopt when malformed or when it does not fit 64 bits.
 std::optional<uint64_t> parseSizeWord(const std::string& word);
 // A size for a virtual disk: parsed, rounded down to whole sectors, within the
-// bounds of an image. Fails with ExitUsage.
+// bounds of an image. Fails with QVImageExitUsage.
 bool parseImageSize(const std::string& word, uint64_t* bytes, QVError* error);
 
 // The password: every byte of standard input up to end of file. Empty input,
-// or input larger than any password, fails with ExitUsage.
+// or input larger than any password, fails with QVImageExitUsage.
 bool readPasswordFromStdin(SecureBytes* password, QVError* error);
 
 // "0 bytes", "1023 bytes", "1.5 KiB", "90.3 MiB", "9.7 GiB", "2.0 TiB".

@@ -24,19 +24,20 @@ bool minimumSize(const std::string& disk, uint64_t* bytes, QVError* error) {
     FileSystemState state;
     if (!readFileSystemState(disk, &state, error)) return false;
     ProgramResult r = runProgram(kResize2fs, {"-P", disk});
-    if (!r.ok()) return fail(error, ExitFailure, "cannot estimate the smallest size: " + r.summary());
+    if (!r.ok()) return fail(error, QVImageExitFailure, "cannot estimate the smallest size: " + r.summary());
     const std::string marker = "Estimated minimum size of the filesystem:";
     const size_t at = r.out.find(marker);
-    if (at == std::string::npos) return fail(error, ExitFailure, "cannot estimate the smallest size: " + r.summary());
+    if (at == std::string::npos)
+        return fail(error, QVImageExitFailure, "cannot estimate the smallest size: " + r.summary());
     std::istringstream in(r.out.substr(at + marker.size()));
     uint64_t blocks = 0;
-    if (!(in >> blocks) || blocks == 0) return fail(error, ExitFailure, "cannot estimate the smallest size");
+    if (!(in >> blocks) || blocks == 0) return fail(error, QVImageExitFailure, "cannot estimate the smallest size");
     *bytes = std::max(kMinImageSize, roundUpToSector(blocks * state.blockSize));
     return true;
 }
 
 int printLimits(const ParsedArguments& args, QVError* error) {
-    if (args.value("-size")) return refuse(error, ExitUsage, "-limits takes no -size");
+    if (args.value("-size")) return refuse(error, QVImageExitUsage, "-limits takes no -size");
     SecureBytes password;
     if (!readPasswordIfGiven(args, false, &password, error)) return exitStatusOf(error);
     ImageBundle image;
@@ -61,8 +62,8 @@ int printLimits(const ParsedArguments& args, QVError* error) {
     }
     std::printf("%llu\t%llu\t%llu\n", static_cast<unsigned long long>(minimum / 512),
                 static_cast<unsigned long long>(current / 512), static_cast<unsigned long long>(kMaxImageSize / 512));
-    if (std::fflush(stdout) != 0) return refuse(error, ExitFailure, "cannot write to standard output");
-    return ExitOK;
+    if (std::fflush(stdout) != 0) return refuse(error, QVImageExitFailure, "cannot write to standard output");
+    return QVImageExitOK;
 }
 
 int grow(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
@@ -83,14 +84,14 @@ int grow(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
         if (!checkFileSystem(image, device.disk(), true, error)) return undo();
         ProgramResult r = runProgram(kResize2fs, {device.disk(), QVFormat("%lluK", static_cast<unsigned long long>(size / 1024))});
         if (!r.ok()) {
-            fail(error, ExitFailure, "resize2fs failed: " + r.summary());
+            fail(error, QVImageExitFailure, "resize2fs failed: " + r.summary());
             QVError ignored;
             device.stop(&ignored);
             return undo();
         }
         if (!device.stop(error)) return exitStatusOf(error);
     }
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 int shrink(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) {
@@ -101,17 +102,18 @@ int shrink(ImageBundle& image, SecureBytes& key, uint64_t size, QVError* error) 
         uint64_t minimum = 0;
         if (!minimumSize(device.disk(), &minimum, error)) return exitStatusOf(error);
         if (size < minimum)
-            return refuse(error, ExitFailure,
-                          "the volume needs at least " + humanSize(minimum) + "; it can't shrink to " + humanSize(size));
+            return refuse(error, QVImageExitFailure,
+                          "the volume needs at least " + humanSize(minimum) + "; it can't shrink to " +
+                              humanSize(size));
         if (!checkFileSystem(image, device.disk(), true, error)) return exitStatusOf(error);
         ProgramResult r = runProgram(kResize2fs, {device.disk(), QVFormat("%lluK", static_cast<unsigned long long>(size / 1024))});
-        if (!r.ok()) return refuse(error, ExitFailure, "resize2fs failed: " + r.summary());
+        if (!r.ok()) return refuse(error, QVImageExitFailure, "resize2fs failed: " + r.summary());
         if (!device.stop(error)) return exitStatusOf(error);
     }
     ImageInfo smaller = image.info();
     smaller.size = size;
     if (!image.writeInfo(smaller, error) || !image.trimBandsTo(size, error)) return exitStatusOf(error);
-    return ExitOK;
+    return QVImageExitOK;
 }
 
 } // namespace
@@ -121,14 +123,14 @@ int runResize(const std::vector<std::string>& words, const VerbContext&, QVError
     if (!parseArguments(words, {"-stdinpass", "-limits"}, {"-size"}, &args, error)) return exitStatusOf(error);
     if (args.has("-limits")) return printLimits(args, error);
     const std::string* sizeWord = args.value("-size");
-    if (!sizeWord) return refuse(error, ExitUsage, "give -size <n> or -limits");
+    if (!sizeWord) return refuse(error, QVImageExitUsage, "give -size <n> or -limits");
     uint64_t size = 0;
     if (!parseImageSize(*sizeWord, &size, error)) return exitStatusOf(error);
     ImageBundle image;
     SecureBytes key;
     if (!openLockedWithKey(args, &image, &key, error)) return exitStatusOf(error);
     const uint64_t current = image.info().size;
-    if (size == current) return ExitOK;
+    if (size == current) return QVImageExitOK;
     return size > current ? grow(image, key, size, error) : shrink(image, key, size, error);
 }
 

@@ -11,15 +11,17 @@
 #include <chrono>
 #include <cstring>
 
-#include "image/DeviceServer.h"
+#include "image/DeviceProcess.h"
 #include "image/Helpers.h"
+#include "sys/UniqueFd.h"
 #include "toolkit/Log.h"
 
 namespace qv::image {
 
 bool readPasswordIfGiven(const ParsedArguments& args, bool required, SecureBytes* password, QVError* error) {
     if (!args.has("-stdinpass")) {
-        if (required) return fail(error, ExitUsage, "-stdinpass is required: the password comes on standard input");
+        if (required)
+            return fail(error, QVImageExitUsage, "-stdinpass is required: the password comes on standard input");
         return true;
     }
     return readPasswordFromStdin(password, error);
@@ -47,8 +49,8 @@ bool TemporaryDevice::start(ImageBundle& image, SecureBytes& key, uint64_t size,
         key.clear();
         return false;
     }
-    int lockFd = -1;
-    if (!makeAttachmentDir(base, &dir_, &lockFd, error)) {
+    UniqueFd lock;
+    if (!makeAttachmentDir(base, &dir_, &lock, error)) {
         key.clear();
         return false;
     }
@@ -56,9 +58,9 @@ bool TemporaryDevice::start(ImageBundle& image, SecureBytes& key, uint64_t size,
     options.attachmentDir = dir_;
     options.detached = false;
     options.size = size;
-    const bool started = startDeviceServer(image, key, options, lockFd, &pid_, error);
+    const bool started = startDeviceServer(image, key, options, lock.get(), &pid_, error);
     // The attachment's lock stays with the device process alone, so that its end can be seen.
-    ::close(lockFd);
+    lock.reset();
     if (!started) {
         removeAttachmentDir(dir_);
         pid_ = 0;
@@ -76,15 +78,15 @@ bool TemporaryDevice::stop(QVError* error) {
 }
 
 bool readFileSystemState(const std::string& disk, FileSystemState* state, QVError* error) {
-    int fd = ::open(disk.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return failErrno(error, errno, "cannot open the disk");
+    const UniqueFd fd(::open(disk.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return failErrno(error, errno, "cannot open the disk");
     ext2_super_block sb {};
-    ssize_t n = ::pread(fd, &sb, sizeof sb, SUPERBLOCK_OFFSET);
+    ssize_t n = ::pread(fd.get(), &sb, sizeof sb, SUPERBLOCK_OFFSET);
     const int err = errno;
-    ::close(fd);
     if (n < 0) return failErrno(error, err, "cannot read the disk");
     if (size_t(n) != sizeof sb || sb.s_magic != EXT2_SUPER_MAGIC || sb.s_log_block_size > 6)
-        return fail(error, ExitNotAnImage, "the image holds no ext4 file system (wrong password for a damaged image?)");
+        return fail(error, QVImageExitNotAnImage,
+                    "the image holds no ext4 file system (wrong password for a damaged image?)");
     state->clean = (sb.s_state & EXT2_VALID_FS) && !(sb.s_state & EXT2_ERROR_FS) &&
                    !ext2fs_has_feature_journal_needs_recovery(&sb);
     state->blockSize = uint64_t(EXT2_MIN_BLOCK_SIZE) << sb.s_log_block_size;
@@ -98,7 +100,7 @@ bool ensureRoomToChange(const ImageBundle& image, const std::string& purpose, QV
     if (::fstatvfs(image.directoryFd(), &vfs) != 0) return failErrno(error, errno, "cannot read the free space next to the image");
     const uint64_t room = uint64_t(vfs.f_bavail) * vfs.f_frsize;
     if (room >= kRoomToChange) return true;
-    return fail(error, ExitNoSpace,
+    return fail(error, QVImageExitNoSpace,
                 QVFormat("not enough space on the disk holding the image to %s it (%llu MiB free, %llu MiB needed)",
                          purpose.c_str(), static_cast<unsigned long long>(room >> 20),
                          static_cast<unsigned long long>(kRoomToChange >> 20)));
@@ -127,8 +129,9 @@ bool checkFileSystem(const ImageBundle& image, const std::string& disk, bool for
     // The repair writes; with the disk holding the image full it can't, and
     // the caller is told what to do about it (the output is in the C locale).
     if ((r.out + r.err).find(std::strerror(ENOSPC)) != std::string::npos)
-        return fail(error, ExitNoSpace, "not enough space on the disk holding the image to repair its file system");
-    return fail(error, ExitFailure, "the file system check failed: " + r.summary());
+        return fail(error, QVImageExitNoSpace,
+                    "not enough space on the disk holding the image to repair its file system");
+    return fail(error, QVImageExitFailure, "the file system check failed: " + r.summary());
 }
 
 } // namespace qv::image

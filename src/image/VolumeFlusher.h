@@ -12,6 +12,8 @@
 #include <string>
 #include <thread>
 
+#include "sys/UniqueFd.h"
+
 namespace qv::image {
 
 // How long changes may wait in fuse2fs's memory.
@@ -23,12 +25,9 @@ inline constexpr int kFlushIntervalSeconds = 5;
 class FlushPause {
 public:
     explicit FlushPause(const std::string& attachmentDir);
-    ~FlushPause();
-    FlushPause(const FlushPause&) = delete;
-    FlushPause& operator=(const FlushPause&) = delete;
 
 private:
-    int fd_;
+    UniqueFd fd_;
 };
 
 class VolumeFlusher {

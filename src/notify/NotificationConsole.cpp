@@ -7,6 +7,7 @@
 
 #include "toolkit/Log.h"
 #include "notify/QVNotificationCenter.h"
+#include "toolkit/WriteAll.h"
 
 namespace qv {
 
@@ -30,17 +31,6 @@ std::string printable(const std::string& text) {
         }
     }
     return out;
-}
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // Reads one line without its newline; false at the end of input before any newline.
@@ -75,7 +65,7 @@ ConsoleNotificationDelivery::ConsoleNotificationDelivery(int fd) : fd_(fd) {}
 
 void ConsoleNotificationDelivery::writeLine(const std::string& line) {
     // A console that went away is no reason to stop working.
-    (void)writeAll(fd_, line);
+    (void)QVWriteAll(fd_, line);
 }
 
 void ConsoleNotificationDelivery::deliver(const QVNotificationRef& notification) {
@@ -106,12 +96,12 @@ void ConsoleNotificationDelivery::progressChanged(const QVNotificationRef& notif
 bool QVAskYesNo(int inFd, int outFd, const std::string& message, bool defaultButton) {
     const std::string prompt = printable(message) + (defaultButton ? " [Y/n] " : " [y/N] ");
     for (int attempt = 0; attempt < 3; ++attempt) {
-        if (!writeAll(outFd, prompt)) return defaultButton;
+        if (QVWriteAll(outFd, prompt) != 0) return defaultButton;
         std::string line;
         bool complete = readLine(inFd, line);
         std::string answer = normalisedAnswer(line);
         if (!complete && answer.empty()) {
-            writeAll(outFd, "\n");
+            QVWriteAll(outFd, "\n");
             return defaultButton;
         }
         if (answer.empty()) return defaultButton;

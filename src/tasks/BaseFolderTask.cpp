@@ -4,8 +4,9 @@
 
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "notify/QVNotificationCenter.h"
 #include "disk/FolderState.h"
+#include "notify/QVNotificationCenter.h"
+#include "toolkit/PathText.h"
 #include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
@@ -23,10 +24,7 @@ QVRecordRef folderOf(const QVRecordRef& face) {
 
 // The folder's name as the user knows it: the last component of its mount point.
 std::string folderName(const QVRecordRef& face) {
-    std::string path = FolderRef{folderOf(face)}.mountpoint().toURLPath();
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
+    return QVLastPathComponent(FolderRef{folderOf(face)}.mountpoint().toURLPath());
 }
 
 } // namespace

@@ -6,22 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "toolkit/WriteAll.h"
+
 namespace qv {
 
 namespace {
-
-bool writeAll(int fd, const uint8_t* p, size_t n) {
-    while (n > 0) {
-        ssize_t w = ::write(fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
 
 std::string parentOf(const std::string& path) {
     std::string parent = std::filesystem::path(path).parent_path().string();
@@ -63,7 +52,7 @@ bool QVWriteFileAtomically(const std::string& path, const std::vector<uint8_t>& 
         return false;
     };
     if (::fchmod(fd, mode) != 0) return fail("cannot set the mode of '" + tmpl + "'");
-    if (!writeAll(fd, bytes.data(), bytes.size())) return fail("cannot write '" + tmpl + "'");
+    if (QVWriteAll(fd, bytes.data(), bytes.size()) != 0) return fail("cannot write '" + tmpl + "'");
     if (::fsync(fd) != 0) return fail("cannot sync '" + tmpl + "'");
     if (::close(fd) != 0) {
         int err = errno;

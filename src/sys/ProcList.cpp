@@ -1,4 +1,4 @@
-#include "disk/ProcList.h"
+#include "sys/ProcList.h"
 
 #include <cerrno>
 #include <csignal>
@@ -9,21 +9,10 @@
 #include <memory>
 
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv {
 namespace {
-
-// The command name and state of /proc/<pid>/stat: "pid (comm) S ...". The name
-// may itself hold parentheses and spaces, so it ends at the last ')'.
-bool parseStat(const std::string& stat, std::string& comm, char& state) {
-    size_t open = stat.find('(');
-    size_t close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= stat.size())
-        return false;
-    comm = stat.substr(open + 1, close - open - 1);
-    state = stat[close + 2];
-    return true;
-}
 
 // The effective uid of the "Uid:" line of /proc/<pid>/status (real, effective,
 // saved, file system): the one that decides what the process may do.
@@ -32,7 +21,7 @@ bool parseUid(const std::string& status, uid_t& uid) {
     if (at == std::string::npos) return false;
     const char* p = status.c_str() + at + 5;
     char* end = nullptr;
-    std::strtoul(p, &end, 10);  // real
+    std::strtoul(p, &end, 10); // real
     if (end == p) return false;
     p = end;
     unsigned long effective = std::strtoul(p, &end, 10);
@@ -44,8 +33,12 @@ bool parseUid(const std::string& status, uid_t& uid) {
 bool readEntry(pid_t pid, QVProcEntry& entry) {
     const std::string dir = "/proc/" + std::to_string(pid);
     std::string text;
-    if (!QVReadProcFile(dir + "/stat", text, 4096) || !parseStat(text, entry.comm, entry.state)) return false;
+    if (!QVReadProcFile(dir + "/stat", text, 4096)) return false;
+    auto stat = QVParseProcStat(text);
+    if (!stat) return false;
     if (!QVReadProcFile(dir + "/status", text) || !parseUid(text, entry.uid)) return false;
+    entry.comm = std::move(stat->comm);
+    entry.state = stat->state();
     entry.pid = pid;
     entry.zombie = entry.state == 'Z';
     return true;
@@ -54,11 +47,6 @@ bool readEntry(pid_t pid, QVProcEntry& entry) {
 // A name as the kernel would keep it.
 std::string cutName(const std::string& name) {
     return name.size() > QVCommandNameLength ? name.substr(0, QVCommandNameLength) : name;
-}
-
-std::string baseName(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 // Logs in the caller's name and line, as if the caller had logged.
@@ -73,24 +61,90 @@ bool loadTable(std::vector<QVProcEntry>& table, const char* caller, int line) {
 
 } // namespace
 
-bool QVReadProcFile(const std::string& path, std::string& out, size_t limit) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    out.clear();
-    char buffer[4096];
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ::close(fd);
-            return false;
-        }
-        if (n == 0) break;
-        out.append(buffer, static_cast<size_t>(n));
-        if (out.size() >= limit) break;
+std::optional<unsigned long long> QVProcStat::number(size_t field) const {
+    if (field < 3 || field - 3 >= fields.size()) return std::nullopt;
+    const std::string& text = fields[field - 3];
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0') return std::nullopt;
+    return value;
+}
+
+std::optional<QVProcStat> QVParseProcStat(const std::string& text) {
+    const size_t open = text.find('(');
+    const size_t close = text.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= text.size())
+        return std::nullopt;
+    QVProcStat stat;
+    stat.comm = text.substr(open + 1, close - open - 1);
+    size_t at = close + 2;
+    while (at < text.size()) {
+        size_t end = text.find_first_of(" \n", at);
+        if (end == std::string::npos) end = text.size();
+        if (end > at) stat.fields.push_back(text.substr(at, end - at));
+        at = end + 1;
     }
-    ::close(fd);
-    return true;
+    if (stat.fields.empty()) return std::nullopt;
+    return stat;
+}
+
+std::optional<QVProcStat> QVReadProcStat(pid_t pid) {
+    std::string text;
+    if (pid <= 0 || !QVReadProcFile("/proc/" + std::to_string(pid) + "/stat", text, 4096)) return std::nullopt;
+    return QVParseProcStat(text);
+}
+
+std::vector<pid_t> QVProcessIds(int* err) {
+    std::vector<pid_t> pids;
+    if (err) *err = 0;
+    // /proc lists each process once (threads stay hidden), and a directory read
+    // of it never fails because the table grew, so one pass is the whole table.
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir("/proc"), &::closedir);
+    if (!dir) {
+        if (err) *err = errno;
+        return pids;
+    }
+    for (;;) {
+        errno = 0;
+        struct dirent* d = ::readdir(dir.get());
+        if (!d) {
+            if (errno != 0) {
+                if (err) *err = errno;
+                pids.clear();
+            }
+            return pids;
+        }
+        char* end = nullptr;
+        long pid = std::strtol(d->d_name, &end, 10);
+        if (end == d->d_name || *end != '\0' || pid <= 0) continue;
+        pids.push_back(static_cast<pid_t>(pid));
+    }
+}
+
+bool QVProcessAlive(pid_t pid) {
+    auto stat = QVReadProcStat(pid);
+    return stat && stat->state() != 'Z' && stat->state() != 'X';
+}
+
+std::string QVProcessName(pid_t pid) {
+    std::string comm;
+    if (pid <= 0 || !QVReadProcFile("/proc/" + std::to_string(pid) + "/comm", comm, 256)) return {};
+    return comm.substr(0, comm.find('\n'));
+}
+
+pid_t QVFindProcessByArguments(const std::vector<std::string>& argv) {
+    std::string wanted;
+    for (const auto& a : argv) {
+        wanted += a;
+        wanted.push_back('\0');
+    }
+    for (pid_t pid : QVProcessIds()) {
+        std::string cmdline;
+        if (QVReadProcFile("/proc/" + std::to_string(pid) + "/cmdline", cmdline, wanted.size() + 1) &&
+            cmdline == wanted && QVProcessAlive(pid))
+            return pid;
+    }
+    return 0;
 }
 
 int GetBSDProcessList(std::vector<QVProcEntry>* procList) {
@@ -99,28 +153,13 @@ int GetBSDProcessList(std::vector<QVProcEntry>* procList) {
         return EINVAL;
     }
     procList->clear();
-    // /proc lists each process once (threads stay hidden), and a directory read
-    // of it never fails because the table grew, so one pass is the whole table.
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir("/proc"), &::closedir);
-    if (!dir) return errno;
     try {
-        for (;;) {
-            errno = 0;
-            struct dirent* d = ::readdir(dir.get());
-            if (!d) {
-                if (errno != 0) {
-                    int err = errno;
-                    procList->clear();
-                    return err;
-                }
-                break;
-            }
-            char* end = nullptr;
-            long pid = std::strtol(d->d_name, &end, 10);
-            if (end == d->d_name || *end != '\0' || pid <= 0) continue;
+        int err = 0;
+        for (pid_t pid : QVProcessIds(&err)) {
             QVProcEntry entry;
-            if (readEntry(static_cast<pid_t>(pid), entry)) procList->push_back(std::move(entry));
+            if (readEntry(pid, entry)) procList->push_back(std::move(entry));
         }
+        if (err != 0) return err;
     } catch (const std::bad_alloc&) {
         procList->clear();
         return ENOMEM;
@@ -166,15 +205,11 @@ std::optional<std::string> appForPid(pid_t pid) {
         if (!comm.empty() && comm.back() == '\n') comm.pop_back();
         if (comm.size() < QVCommandNameLength) return comm;
         // The kernel may have cut the name: the program's file or argv[0] holds it whole.
-        char target[4096];
-        ssize_t n = ::readlink((dir + "/exe").c_str(), target, sizeof target - 1);
-        if (n > 0) {
-            std::string exe = baseName(std::string(target, static_cast<size_t>(n)));
-            if (exe.compare(0, comm.size(), comm) == 0) return exe;
-        }
+        const std::string exe = QVLastPathComponent(QVReadProcLink(dir + "/exe"));
+        if (!exe.empty() && exe.compare(0, comm.size(), comm) == 0) return exe;
         std::string cmdline;
         if (QVReadProcFile(dir + "/cmdline", cmdline, 4096) && !cmdline.empty()) {
-            std::string arg0 = baseName(std::string(cmdline.c_str()));
+            std::string arg0 = QVLastPathComponent(std::string(cmdline.c_str()));
             if (arg0.compare(0, comm.size(), comm) == 0) return arg0;
         }
         return comm;

@@ -10,11 +10,12 @@
 
 #include "image/ImageBundle.h"
 #include "image/ImageTool.h"
+#include "sys/UniqueFd.h"
 
 namespace qv::image {
 
 struct DeviceOptions {
-    std::string attachmentDir;  // made by makeAttachmentDir; the disk appears in its dev/
+    std::string attachmentDir; // made by makeAttachmentDir; the disk appears in its dev/
     // Detached: a process of its own session that outlives the caller (attach).
     // Otherwise a child that stops when the caller dies (create, compact, resize).
     bool detached = false;
@@ -24,13 +25,13 @@ struct DeviceOptions {
 
 // A new attachment directory under the runtime base, with its lock file held
 // by this process (and by the device process once it is started).
-bool makeAttachmentDir(const std::string& base, std::string* dir, int* lockFd, QVError* error);
+bool makeAttachmentDir(const std::string& base, std::string* dir, UniqueFd* lock, QVError* error);
 
 // Starts the device process. The image must be locked by this process; the
 // lock, the attachment lock and the key go to the device process, and this
 // process's copy of the key is wiped. Returns once `disk` is served.
-bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd,
-                       pid_t* pid, QVError* error);
+bool startDeviceServer(ImageBundle& image, SecureBytes& key, const DeviceOptions& options, int lockFd, pid_t* pid,
+                       QVError* error);
 
 // Asks the device process to stop as soon as nobody has its disk open
 // (at once when nobody has).

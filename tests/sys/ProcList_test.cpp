@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "disk/ProcList.h"
 #include "support/TempHome.h"
+#include "sys/ProcList.h"
 
 extern char** environ;
 
@@ -104,7 +104,8 @@ TEST(ProcList, ZombiesAreSkippedOrLeaveOutputsUnwritten) {
     const std::string name = uniqueName("z");
     pid_t zombie = kids.start(name, "0");
     ASSERT_GT(zombie, 0);
-    for (int i = 0; i < 500 && readState(zombie) != 'Z'; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 500 && readState(zombie) != 'Z'; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_EQ(readState(zombie), 'Z');
 
     EXPECT_TRUE(qv::infoForAppsWithName(name).empty());

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "sys/ProcFiles.h"
+
 namespace qv {
 
 // How many bytes of a command name the kernel keeps.
@@ -18,7 +20,7 @@ inline constexpr size_t QVCommandNameLength = 15;
 
 // One process of the table.
 struct QVProcEntry {
-    std::string comm;    // command name, at most 15 bytes
+    std::string comm; // command name, at most 15 bytes
     pid_t pid = 0;
     char state = '?';    // the state letter of /proc/<pid>/stat
     bool zombie = false; // state 'Z': exited, not yet reaped
@@ -29,16 +31,39 @@ struct QVProcEntry {
 struct QVProcInfo {
     uid_t uid = 0;
     pid_t pid = 0;
-    std::string name;  // the command name
+    std::string name; // the command name
 };
+
+// /proc/<pid>/stat, split at the command name, which may itself hold spaces
+// and parentheses (it ends at the last ')').
+struct QVProcStat {
+    std::string comm;
+    std::vector<std::string> fields; // the fields after the name, from the state on
+
+    // The state letter (field 3): 'R', 'S', 'Z' (exited, not yet reaped), ...
+    char state() const { return fields.empty() || fields[0].empty() ? '?' : fields[0][0]; }
+    // A numeric field, numbered as proc(5) numbers them (14 utime, 22 starttime);
+    // nullopt when it is missing or no number.
+    std::optional<unsigned long long> number(size_t field) const;
+};
+std::optional<QVProcStat> QVParseProcStat(const std::string& text);
+// nullopt when there is no such process (or we may not look at it).
+std::optional<QVProcStat> QVReadProcStat(pid_t pid);
+
+// The pids of every process of the system. Empty, with *err set to the errno
+// (when given), when /proc can't be read.
+std::vector<pid_t> QVProcessIds(int* err = nullptr);
+
+// The process exists and has not exited (it is neither a zombie nor dead).
+bool QVProcessAlive(pid_t pid);
+// Its command name (/proc/<pid>/comm, at most 15 bytes); empty when there is no such process.
+std::string QVProcessName(pid_t pid);
+// The first live process whose argument vector is exactly `argv`; 0 when none.
+pid_t QVFindProcessByArguments(const std::vector<std::string>& argv);
 
 // Reads every process of the system into *procList (cleared first). Returns 0,
 // or the errno that kept /proc from being read (then *procList is empty).
 // Processes that end while the table is read are left out.
-// Reads a small /proc file whole (at most about `limit` bytes). False when it
-// can't be opened or read (the process ended, or we may not look at it).
-bool QVReadProcFile(const std::string& path, std::string& out, size_t limit = 16384);
-
 int GetBSDProcessList(std::vector<QVProcEntry>* procList);
 
 // True when the command name of `pid` contains any of `names`; *outIndex, when
