@@ -1,4 +1,6 @@
-#include "vault/BinaryPlistShape.h"
+// The binary half of the property-list guard: an iterative walk over the object
+// table that follows every reference reachable from the root once.
+#include "vault/PropertyListGuard.h"
 
 #include <cstring>
 #include <limits>

@@ -5,10 +5,10 @@
 #include <unordered_map>
 
 #include "toolkit/Log.h"
-#include "vault/BinaryPlistShape.h"
 #include "vault/FileURL.h"
 #include "vault/KeyedArchive.h"
 #include "vault/KeyedArchiveSupport.h"
+#include "vault/PropertyListGuard.h"
 
 namespace qv {
 
@@ -358,16 +358,13 @@ double KeyedDecoder::decodeDouble(const std::string& key) {
 
 namespace {
 
-// How deep the property list itself may nest. Our archives are flat (objects refer
+// How deep the property list itself may nest: our archives are flat (objects refer
 // to each other by UID), so five levels are enough; the margin is for other writers.
-constexpr size_t kMaxPlistDepth = 64;
+// Their size is bounded only by what libplist takes.
+constexpr QVPropertyListLimits kArchiveLimits{std::numeric_limits<uint32_t>::max(), 64};
 
 std::optional<Value> unarchive(const Bytes& data, std::string& why) {
-    if (data.size() > std::numeric_limits<uint32_t>::max()) {
-        why = "too large";
-        return std::nullopt;
-    }
-    why = QVBinaryPropertyListShapeProblem(data.data(), data.size(), kMaxPlistDepth);
+    why = QVPropertyListProblem(data.data(), data.size(), QVPropertyListFormat::Binary, kArchiveLimits);
     if (!why.empty()) return std::nullopt;
     plist_t parsed = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(data.data()), static_cast<uint32_t>(data.size()), &parsed);

@@ -3,13 +3,16 @@
 #include <cstdlib>
 #include <plist/plist.h>
 
+#include "vault/PropertyListGuard.h"
+
 namespace qv {
 
 namespace {
 
 // Seconds between 1970-01-01 and 2001-01-01, the epoch of property-list dates.
 constexpr double kPlistEpochOffset = 978307200.0;
-constexpr int kMaxDepth = 256;
+// Matches the guard's limit; the guard refuses deeper lists before they are parsed.
+constexpr int kMaxDepth = int(QVPlainPropertyListLimits.maxDepth);
 
 std::optional<Value> fromNode(plist_t node, int depth) {
     if (!node || depth > kMaxDepth) return std::nullopt;
@@ -126,9 +129,12 @@ plist_t toNode(const Value& v, int depth) {
     }
 }
 
-} // namespace
-
-std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
+std::optional<Value> fromData(const Bytes& data, QVPropertyListFormat format, QVError* error) {
+    const std::string problem = QVPropertyListProblem(data.data(), data.size(), format, QVPlainPropertyListLimits);
+    if (!problem.empty()) {
+        QVSetAppError(error, QVErrorFailed, "Not a valid property list: " + problem);
+        return std::nullopt;
+    }
     plist_t root = nullptr;
     if (data.size() >= 8 && std::equal(data.begin(), data.begin() + 6, "bplist"))
         plist_from_bin(reinterpret_cast<const char*>(data.data()), static_cast<uint32_t>(data.size()), &root);
@@ -138,6 +144,16 @@ std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
     if (root) plist_free(root);
     if (!value) QVSetAppError(error, QVErrorFailed, "Not a valid property list");
     return value;
+}
+
+} // namespace
+
+std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
+    return fromData(data, QVPropertyListFormat::Any, error);
+}
+
+std::optional<Value> QVPropertyListFromXMLData(const Bytes& data, QVError* error) {
+    return fromData(data, QVPropertyListFormat::XML, error);
 }
 
 std::optional<Bytes> QVPropertyListToXML(const Value& value) {
