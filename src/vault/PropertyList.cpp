@@ -1,5 +1,6 @@
 #include "vault/PropertyList.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <plist/plist.h>
 
@@ -50,6 +51,9 @@ std::optional<Value> fromNode(plist_t node, int depth) {
     case PLIST_DATE: {
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
+        // libplist hands out a date it can't hold in 32-bit seconds with the
+        // microseconds out of their range.
+        if (usec <= -1000000 || usec >= 1000000) return std::nullopt;
         return Value::date(sec + usec / 1e6 + kPlistEpochOffset);
     }
     case PLIST_ARRAY: {
@@ -98,6 +102,8 @@ plist_t toNode(const Value& v, int depth) {
         return plist_new_data(reinterpret_cast<const char*>(v.toData().data()), v.toData().size());
     case Value::Kind::Date: {
         double t = v.toDate() - kPlistEpochOffset;
+        // Whole seconds from 2001 in 32 bits: a date beyond them (or NaN) can't be written.
+        if (!(t > double(INT32_MIN) - 1 && t < double(INT32_MAX) + 1)) return nullptr;
         auto sec = static_cast<int32_t>(t);
         return plist_new_date(sec, static_cast<int32_t>((t - sec) * 1e6));
     }

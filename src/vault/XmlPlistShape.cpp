@@ -21,6 +21,9 @@ public:
         : text_(reinterpret_cast<const char*>(data), size), maxDepth_(maxDepth) {}
 
     std::string run() {
+        // libplist keeps the NUL inside a string's length and then aborts on the
+        // string; XML allows none anywhere.
+        if (text_.find('\0') != std::string_view::npos) return "a NUL byte, which XML does not allow";
         bool sawElement = false;
         while (skipSpace(), pos_ < text_.size()) {
             if (text_[pos_] != '<') return "text outside an element";

@@ -146,6 +146,8 @@ TEST(PropertyListGuard, XMLOnlyReadersRefuseBinaryLists) {
 // Truncations and byte flips of an XML list: a refusal or a value, never a crash
 // (this runs under the sanitizers too).
 TEST(PropertyListGuard, MangledXMLNeverCrashes) {
+    // A NUL in a string made libplist abort (found by the fuzzer).
+    EXPECT_NE(problem(bytesOf(xmlPlist(std::string("<string>a\0b</string>", 20)))).find("NUL"), std::string::npos);
     const Bytes good = fixture("diskinfo-v1.sparsebundle/diskinfo");
     for (size_t len = 0; len < good.size(); ++len) readError(Bytes(good.begin(), good.begin() + len));
     std::mt19937 rng(20240917);
