@@ -1,10 +1,11 @@
 # The two commands of the project: `make run` and `make check`.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc)
 GEN        := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build run check test asan bench bench-image bench-encrypt clean
+.PHONY: all deps build run check test asan fuzz-build fuzz fuzz-short bench bench-image bench-encrypt clean
 
 all: build
 
@@ -28,13 +29,26 @@ asan: deps
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS) -L unit
 
-check: asan test
+# libFuzzer targets (fuzz/), built with clang in a build of their own: every
+# library under -fsanitize=fuzzer-no-link,address,undefined, no tests, no benchmarks.
+fuzz-build: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+# Each target for three minutes, or for twenty seconds as part of check.
+fuzz: fuzz-build
+	fuzz/run-fuzzers.sh $(FUZZ_BUILD) 180
+
+fuzz-short: fuzz-build
+	fuzz/run-fuzzers.sh $(FUZZ_BUILD) 20
+
+check: asan test fuzz-short
 
 bench: build
 	$(BUILD)/bench/qv_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
 
 # Throughput of a qv-image volume against fuse2fs, gocryptfs, CryFS and the plain disk (not part of check).
 bench-image: build

@@ -4,7 +4,8 @@ set -euo pipefail
 PKGS=(build-essential cmake ninja-build pkg-config python3
       qt6-base-dev libplist-dev libfuse3-dev fuse3 fuse2fs e2fsprogs libacl1-dev acl attr
       libssl-dev libicu-dev libgtest-dev libbenchmark-dev scrypt lsof util-linux psmisc dbus-daemon
-      libext2fs-dev libglib2.0-dev libmount-dev xdg-utils)
+      libext2fs-dev libglib2.0-dev libmount-dev xdg-utils
+      clang libclang-rt-14-dev)  # the fuzz targets: clang and its libFuzzer and sanitizer runtimes
 missing=()
 for p in "${PKGS[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -3,6 +3,7 @@
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "vault/PropertyList.h"
+#include "vault/PropertyListGuard.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -77,7 +78,7 @@ std::optional<QVError> QVDiskInfoSerializeFromFolder(const QVRecordRef& folder) 
 
 DictRef QVDiskInfoRead(const std::string& imagePath, QVError* error) {
     const std::string path = fileInImage(imagePath);
-    auto bytes = QVReadFile(path, error);
+    auto bytes = QVReadFile(path, error, QVPlainPropertyListLimits.maxBytes);
     if (!bytes) return nullptr;
     auto value = QVPropertyListFromData(*bytes, error);
     if (!value) return nullptr;

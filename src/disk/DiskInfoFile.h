@@ -28,7 +28,8 @@ DictRef QVDiskInfoDictionaryForFolder(const QVRecordRef& folder, QVError* error)
 std::optional<QVError> QVDiskInfoSerializeFromFolder(const QVRecordRef& folder);
 
 // Reads the diskinfo of the image at `imagePath`. nullptr with an error when the
-// file is missing or unreadable, is not a dictionary, or carries no version or a
+// file is missing or unreadable, larger than any plain property list or refused
+// by the property-list guard, is not a dictionary, or carries no version or a
 // version newer than this program knows.
 DictRef QVDiskInfoRead(const std::string& imagePath, QVError* error);
 

@@ -19,6 +19,7 @@
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "vault/PropertyList.h"
+#include "vault/PropertyListGuard.h"
 #include "vault/QVCrypto.h"
 
 namespace qv::image {
@@ -82,7 +83,11 @@ std::optional<ImageInfo> parseInfoPlist(const Bytes& bytes, std::string* why) {
         return std::nullopt;
     };
     if (bytes.empty()) return fail("empty");
-    auto value = QVPropertyListFromData(bytes, nullptr);
+    // Info.plist is XML: a binary one is as unusable as any other damage.
+    const std::string problem =
+        QVPropertyListProblem(bytes.data(), bytes.size(), QVPropertyListFormat::XML, QVPlainPropertyListLimits);
+    if (!problem.empty()) return fail("not an XML property list: " + problem);
+    auto value = QVPropertyListFromXMLData(bytes, nullptr);
     if (!value) return fail("not a property list");
     DictRef dict = value->toDict();
     if (!dict) return fail("not a dictionary");

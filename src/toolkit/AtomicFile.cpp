@@ -69,7 +69,7 @@ bool QVWriteFileAtomically(const std::string& path, const std::vector<uint8_t>& 
     return QVSyncDirectory(dir, error);
 }
 
-std::optional<std::vector<uint8_t>> QVReadFile(const std::string& path, QVError* error) {
+std::optional<std::vector<uint8_t>> QVReadFile(const std::string& path, QVError* error, size_t maxBytes) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         QVSetErrnoError(error, errno, "cannot open '" + path + "'");
@@ -83,7 +83,7 @@ std::optional<std::vector<uint8_t>> QVReadFile(const std::string& path, QVError*
         return std::nullopt;
     }
     std::vector<uint8_t> out;
-    out.reserve(static_cast<size_t>(st.st_size));
+    if (uint64_t(st.st_size) <= maxBytes) out.reserve(static_cast<size_t>(st.st_size));
     uint8_t buf[65536];
     for (;;) {
         ssize_t n = ::read(fd, buf, sizeof buf);
@@ -95,6 +95,12 @@ std::optional<std::vector<uint8_t>> QVReadFile(const std::string& path, QVError*
             return std::nullopt;
         }
         if (n == 0) break;
+        // Checked as it grows: the file may grow while it is read.
+        if (size_t(n) > maxBytes - out.size()) {
+            ::close(fd);
+            QVSetErrnoError(error, EFBIG, "cannot read '" + path + "'");
+            return std::nullopt;
+        }
         out.insert(out.end(), buf, buf + n);
     }
     ::close(fd);

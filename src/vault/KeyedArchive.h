@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "toolkit/QVError.h"
+#include "vault/FileURL.h"
 #include "vault/Value.h"
 
 namespace qv {
@@ -104,12 +105,5 @@ using KeyedDecodeFunction = std::function<ObjectRef(KeyedDecoder&)>;
 bool QVRegisterArchivableClass(const std::string& name, KeyedDecodeFunction decode,
                                std::vector<std::string> superclasses = {});
 bool QVIsArchivableClassRegistered(const std::string& name);
-
-// File URLs as they are written in archives: "file://" and the path with every byte
-// outside the URL path character set percent-escaped ("/a b" -> "file:///a%20b").
-std::string QVFileURLStringFromPath(const std::string& path);
-// The absolute path of a "file://" URL ("file://localhost/..." too), escapes decoded;
-// nothing for another scheme, a relative path, a bad escape or an escaped NUL.
-std::optional<std::string> QVPathFromFileURLString(const std::string& url);
 
 } // namespace qv

@@ -1,7 +1,10 @@
 #include "vault/PropertyList.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <plist/plist.h>
+
+#include "vault/PropertyListGuard.h"
 
 namespace qv {
 
@@ -9,7 +12,8 @@ namespace {
 
 // Seconds between 1970-01-01 and 2001-01-01, the epoch of property-list dates.
 constexpr double kPlistEpochOffset = 978307200.0;
-constexpr int kMaxDepth = 256;
+// Matches the guard's limit; the guard refuses deeper lists before they are parsed.
+constexpr int kMaxDepth = int(QVPlainPropertyListLimits.maxDepth);
 
 std::optional<Value> fromNode(plist_t node, int depth) {
     if (!node || depth > kMaxDepth) return std::nullopt;
@@ -47,6 +51,9 @@ std::optional<Value> fromNode(plist_t node, int depth) {
     case PLIST_DATE: {
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
+        // libplist hands out a date it can't hold in 32-bit seconds with the
+        // microseconds out of their range.
+        if (usec <= -1000000 || usec >= 1000000) return std::nullopt;
         return Value::date(sec + usec / 1e6 + kPlistEpochOffset);
     }
     case PLIST_ARRAY: {
@@ -95,6 +102,8 @@ plist_t toNode(const Value& v, int depth) {
         return plist_new_data(reinterpret_cast<const char*>(v.toData().data()), v.toData().size());
     case Value::Kind::Date: {
         double t = v.toDate() - kPlistEpochOffset;
+        // Whole seconds from 2001 in 32 bits: a date beyond them (or NaN) can't be written.
+        if (!(t > double(INT32_MIN) - 1 && t < double(INT32_MAX) + 1)) return nullptr;
         auto sec = static_cast<int32_t>(t);
         return plist_new_date(sec, static_cast<int32_t>((t - sec) * 1e6));
     }
@@ -126,9 +135,12 @@ plist_t toNode(const Value& v, int depth) {
     }
 }
 
-} // namespace
-
-std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
+std::optional<Value> fromData(const Bytes& data, QVPropertyListFormat format, QVError* error) {
+    const std::string problem = QVPropertyListProblem(data.data(), data.size(), format, QVPlainPropertyListLimits);
+    if (!problem.empty()) {
+        QVSetAppError(error, QVErrorFailed, "Not a valid property list: " + problem);
+        return std::nullopt;
+    }
     plist_t root = nullptr;
     if (data.size() >= 8 && std::equal(data.begin(), data.begin() + 6, "bplist"))
         plist_from_bin(reinterpret_cast<const char*>(data.data()), static_cast<uint32_t>(data.size()), &root);
@@ -138,6 +150,16 @@ std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
     if (root) plist_free(root);
     if (!value) QVSetAppError(error, QVErrorFailed, "Not a valid property list");
     return value;
+}
+
+} // namespace
+
+std::optional<Value> QVPropertyListFromData(const Bytes& data, QVError* error) {
+    return fromData(data, QVPropertyListFormat::Any, error);
+}
+
+std::optional<Value> QVPropertyListFromXMLData(const Bytes& data, QVError* error) {
+    return fromData(data, QVPropertyListFormat::XML, error);
 }
 
 std::optional<Bytes> QVPropertyListToXML(const Value& value) {

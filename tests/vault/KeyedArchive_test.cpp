@@ -6,6 +6,7 @@
 
 #include "support/RunProcess.h"
 #include "vault/KeyedArchive.h"
+#include "vault/RawPropertyList.h"
 
 using namespace qv;
 
@@ -89,33 +90,6 @@ Bytes archive(std::vector<plist_t> objects, uint64_t root = 1, const char* archi
     for (plist_t o : objects) plist_array_append_item(all, o);
     return toBin(dict({{"$archiver", str(archiver)}, {"$version", plist_new_uint(version)},
                        {"$top", dict({{"root", uid(root)}})}, {"$objects", all}}));
-}
-
-// A raw binary property list, root object 0; objects are given as marker bytes
-// and contents, references and offsets are 4 bytes wide.
-void putBE(Bytes& out, uint64_t v, int n) {
-    for (int i = n - 1; i >= 0; --i) out.push_back(uint8_t(v >> (8 * i)));
-}
-Bytes rawBplist(const std::vector<Bytes>& objects) {
-    Bytes out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-    std::vector<uint64_t> offsets;
-    for (const auto& o : objects) {
-        offsets.push_back(out.size());
-        out.insert(out.end(), o.begin(), o.end());
-    }
-    const uint64_t table = out.size();
-    for (auto off : offsets) putBE(out, off, 4);
-    putBE(out, 0x0404, 8);
-    putBE(out, objects.size(), 8);
-    putBE(out, 0, 8);
-    putBE(out, table, 8);
-    return out;
-}
-Bytes rawArray(const std::vector<uint32_t>& refs) {
-    Bytes o = {0xAF, 0x12};
-    putBE(o, refs.size(), 4);
-    for (auto r : refs) putBE(o, r, 4);
-    return o;
 }
 
 Value sampleGraph() {
@@ -215,15 +189,9 @@ TEST(KeyedArchive, HostileArchivesAreRefusedWithAnError) {
 
     // Property lists refused before parsing: 100000 nested arrays would overflow a
     // recursive parser's stack.
-    std::vector<Bytes> deep;
-    for (uint32_t i = 1; i < 100000; ++i) deep.push_back(rawArray({i}));
-    deep.push_back(rawArray({}));
-    expectRefusedRead(rawBplist(deep), "nested too deeply");
+    expectRefusedRead(test::rawDeepBplist(), "nested too deeply");
     // Four arrays of 1000 references to the next: 10^12 nodes once expanded.
-    std::vector<Bytes> wide;
-    for (uint32_t i = 1; i <= 4; ++i) wide.push_back(rawArray(std::vector<uint32_t>(1000, i)));
-    wide.push_back(rawArray({}));
-    expectRefusedRead(rawBplist(wide), "expands too much");
+    expectRefusedRead(test::rawWideBplist(), "expands too much");
 }
 
 // Truncations and byte flips of a valid archive: anything but a crash, a hang or
