@@ -74,8 +74,11 @@ protected:
         CommandResult r = sandbox.create(imageOf(face), kImagePassword, 64, "HFS+J", "AES-256", volname);
         ASSERT_EQ(r.exitCode, 0) << r.describe();
     }
-    // The ext4 label of an image, read while nothing has it mounted.
+    // The ext4 label of an image, read while nothing has it mounted. A forced
+    // detach is lazy: the device process of the last attachment may still be
+    // ending, and a new attachment would be refused until it has.
     std::string labelOf(const std::string& image) {
+        waitUntilNoProcessUses(image);
         std::string dev;
         CommandResult r = sandbox.attachNoMount(image, kImagePassword, &dev);
         if (r.exitCode != 0 || dev.empty()) return "<not attached: " + r.describe() + ">";
