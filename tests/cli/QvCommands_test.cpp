@@ -102,7 +102,8 @@ TEST(QvActions, ChainedFoldersUnlockTogetherAndCyclesAreRefused) {
     r = user.qv({"unlock", work});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(stateOf(user.qv({"status"}).out, notes), "unlocked");
-    ASSERT_EQ(user.qv({"lock", work}).exitCode, 0);
+    r = user.qv({"lock", work});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
     r = user.qv({"actions", work, "remove", "unlock", "1"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, "lock\t1\tLock Folder\t" + notes + "\n");
