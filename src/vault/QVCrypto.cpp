@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "toolkit/Log.h"
+#include "vault/QVCryptoTesting.h"
 
 namespace qv {
 
@@ -214,6 +215,47 @@ std::optional<Bytes> encryptString(const std::string& plaintext, const std::stri
     SecretCopy text(plaintext);
     SecretCopy pw(password);
     return encrypt(text.bytes, pw.bytes);
+}
+
+bool parametersForFreshContainers(QVScryptParams* params) {
+    if (QVCryptoCheapParametersForTesting()) {
+        *params = QVScryptCheapParams;
+        return true;
+    }
+    size_t memlimit = 0;
+    double opsPerSecond = 0;
+    int rc = QVScryptMemLimit(0, kEncMaxMemFrac, &memlimit);
+    if (rc == 0) rc = QVScryptMeasureSpeed(&opsPerSecond);
+    if (rc != 0) {
+        QV_LOG_ERROR(QVFormat("measuring scrypt parameters returned: %d", rc));
+        return false;
+    }
+    *params = QVScryptPickParams(memlimit, opsPerSecond, kEncMaxTime);
+    return true;
+}
+
+std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, const QVScryptParams& params) {
+    Bytes out(plaintext.size() + kOverhead);
+    int rc =
+        scryptenc_buf_params(plaintext.data(), plaintext.size(), out.data(), password.data(), password.size(), params);
+    if (rc != 0) {
+        QV_LOG_ERROR(QVFormat("scryptenc_buf returned: %d", rc));
+        return std::nullopt;
+    }
+    return out;
+}
+
+std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string& password,
+                                       const QVScryptParams& params) {
+    SecretCopy pw(password);
+    return encrypt(plaintext, pw.bytes, params);
+}
+
+std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password,
+                                   const QVScryptParams& params) {
+    SecretCopy text(plaintext);
+    SecretCopy pw(password);
+    return encrypt(text.bytes, pw.bytes, params);
 }
 
 std::optional<Bytes> decrypt(const Bytes& container, const Bytes& password) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <sstream>
 
 namespace qv {
 
@@ -144,6 +145,20 @@ QVScryptParams QVScryptPickParams(size_t memlimit, double opsPerSecond, double m
             out.p = static_cast<uint32_t>(maxrp) / out.r;
     }
     return out;
+}
+
+std::string QVScryptParamsText(const QVScryptParams& params) {
+    return std::to_string(params.logN) + " " + std::to_string(params.r) + " " + std::to_string(params.p);
+}
+
+std::optional<QVScryptParams> QVScryptParamsFromText(const std::string& text) {
+    std::istringstream in(text);
+    long long logN = 0, r = 0, p = 0;
+    std::string rest;
+    if (!(in >> logN >> r >> p) || (in >> rest)) return std::nullopt;
+    if (logN < 1 || logN > 63 || r < 1 || p < 1 || r > UINT32_MAX || p > UINT32_MAX || r * p >= (1LL << 30))
+        return std::nullopt;
+    return QVScryptParams{static_cast<int>(logN), static_cast<uint32_t>(r), static_cast<uint32_t>(p)};
 }
 
 bool QVScryptDerive(const uint8_t* passwd, size_t passwdlen, const uint8_t* salt, size_t saltlen, uint64_t N,
