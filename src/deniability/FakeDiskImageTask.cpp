@@ -8,7 +8,9 @@
 #include "deniability/FakeImageDates.h"
 #include "deniability/FakeImageNote.h"
 #include "disk/DiskMaster.h"
+#include "tasks/EncryptFolderTask.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"
 
@@ -82,7 +84,11 @@ OperationResult FakeDiskImageTask::go(const QVRecordRef& folderFace) {
                 unmountError = QVError();
                 detached = DiskMaster::unmountDiskForFolderFace(folderFace, "", true, false, &unmountError);
             }
-            if (detached) ::rmdir(volume.c_str());
+            if (detached) {
+                ::rmdir(volume.c_str());
+                // A real folder's creation leaves no empty Temp behind either.
+                EncryptFolderTask::removeTempFolder(QVParentPath(volume));
+            }
         }
     }
     if (!error) {

@@ -6,13 +6,19 @@
 #include <mutex>
 #include <thread>
 
+#include <unistd.h>
+
 #include "deniability/FakeDiskImageTask.h"
 #include "deniability/FakeImageNote.h"
 #include "deniability/PDAssistant.h"
 #include "disk/DiskMaster.h"
+#include "disk/FileSystemVolumes.h"
 #include "disk/FolderState.h"
+#include "disk/StorageLocations.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
+#include "toolkit/PathText.h"
+#include "vault/Locations.h"
 #include "vault/QVCrypto.h"
 #include "vault/Schemas.h"
 #include "vault/UserDefaults.h"
@@ -51,8 +57,29 @@ bool MigrationTask::needsVersion2Migration(const DBMasterRef& master) {
     }
 }
 
+namespace {
+
+// A run that died midway may have left fake volumes mounted on temporary mount
+// points of the default storage, their device processes still writing: they
+// are taken away first, forcefully (nothing of them is worth keeping).
+void detachLeftoverVolumes() {
+    const std::string temp = QVPathByAppendingComponent(defaultDiskImageLocationURL(), "Temp");
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(temp, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string mount = it->path().string();
+        if (!isVolumeAtURL(mount, nullptr)) continue;
+        QVRecordRef folder = QVFolderCreate(QVStorageDefault(), URLValue{mount});
+        QVRecordRef face = QVFolderFaceCreate(folder);
+        QVError error;
+        if (DiskMaster::unmountDiskForFolderFace(face, mount, true, false, &error)) ::rmdir(mount.c_str());
+    }
+}
+
+} // namespace
+
 size_t MigrationTask::fakeFolderCleanup() {
     size_t deleted = 0;
+    if (!FakeImageNote::readNote().empty()) detachLeftoverVolumes();
     for (const std::string& path : FakeImageNote::readNote()) {
         std::error_code ec;
         const bool exists = std::filesystem::exists(std::filesystem::symlink_status(path, ec));

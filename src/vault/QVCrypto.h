@@ -44,11 +44,12 @@ std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string
 // encrypt: on a string: the container of the string's UTF-8 bytes.
 std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password);
 
-// The parameters a fresh container gets on this machine now (the memory limit,
-// the speed measurement and the pick that `encrypt` does each time), for work
-// that makes many containers at once: measured while the machine is busy with
-// them, each container would carry cheaper parameters than a lone save does.
-// False (logged) when the limit or the speed can't be found.
+// The parameters a fresh container gets on this machine (the memory limit, the
+// speed measurement and the pick that `encrypt` does each time, the speed
+// taken as the median of several runs), for work that makes many containers at
+// once: measured while the machine is busy with them, each container would
+// carry cheaper parameters than a lone save does. False (logged) when the
+// limit or the speed can't be found.
 bool parametersForFreshContainers(QVScryptParams* params);
 // Fresh containers (random salt) under parameters measured once beforehand.
 std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, const QVScryptParams& params);
