@@ -1,14 +1,18 @@
 #include "deniability/FakeDiskImageTask.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
 #include "deniability/FakeImageDates.h"
 #include "deniability/FakeImageNote.h"
 #include "disk/DiskMaster.h"
+#include "disk/RenameAt.h"
 #include "tasks/EncryptFolderTask.h"
+#include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
 #include "vault/QVCrypto.h"
@@ -51,21 +55,28 @@ bool FakeDiskImageTask::cancelled() const {
 OperationResult FakeDiskImageTask::go(const QVRecordRef& folderFace) {
     const QVRecordRef folder = folderOf(folderFace);
     FolderRef f{folder};
+    DiskInfoRef diskinfo{f.diskinfo().as<QVRecord>()};
     const std::string imagePath = imagePathOf(folder);
     std::optional<QVError> error;
-
+    // Made where a real folder's image is made, in the storage's Temp, and
+    // moved to its place at the end like one: the move shows on the bundle.
     const std::string storageURL = StorageRef{f.storage().as<QVRecord>()}.url().toURLPath();
+    const std::string tempDir = QVPathByAppendingComponent(storageURL, "Temp");
+    const std::string tempPath = QVPathByAppendingComponent(tempDir, QVLastPathComponent(imagePath));
+    std::string madePath = tempPath;
+
     std::error_code ec;
-    std::filesystem::create_directories(storageURL, ec);
+    std::filesystem::create_directories(tempDir, ec);
     if (ec) {
         error = QVError{QVPOSIXErrorDomain, ec.value(), ec.message()};
         QV_LOG_ERROR(QVFormat("%s: failed to create: %s", ec.message().c_str(), storageURL.c_str()));
     } else if (!cancelled()) {
         // Noted before the image exists: a crash at any later point leaves a trace.
-        FakeImageNote::addImageToNote(imagePath);
+        FakeImageNote::addImageToNote(tempPath);
         // Sized like a real folder holding this much: the capacity rule and the
         // room check see the content to come.
         f.setFolderSize(Value(folderContentSize));
+        diskinfo.setUrl(Value::url(tempPath));
         QVError createError;
         if (!DiskMaster::createDiskForFolderFace(folderFace, 0, kFakeCreateOptions, nullptr, &createError,
                                                  tokenParameters ? &*tokenParameters : nullptr)) {
@@ -76,29 +87,41 @@ OperationResult FakeDiskImageTask::go(const QVRecordRef& folderFace) {
             createRandomFilesInURL(volume, folderContentSize);
             ::sleep(kSettleSeconds);
             // Nobody else uses a fake volume: an ordinary detach, which returns
-            // once every band is written, so that the dates set below stay and a
-            // cancelled image can be removed whole. Forced only if refused.
+            // once every band is written, so that nothing changes the image
+            // after it was moved and dated, and a cancelled one can be removed
+            // whole. Forced only if refused.
             QVError unmountError;
             bool detached = DiskMaster::unmountDiskForFolderFace(folderFace, "", false, false, &unmountError);
             if (!detached) {
                 unmountError = QVError();
                 detached = DiskMaster::unmountDiskForFolderFace(folderFace, "", true, false, &unmountError);
             }
-            if (detached) {
-                ::rmdir(volume.c_str());
-                // A real folder's creation leaves no empty Temp behind either.
-                EncryptFolderTask::removeTempFolder(QVParentPath(volume));
+            if (detached) ::rmdir(volume.c_str());
+            if (!cancelled()) {
+                FakeImageNote::addImageToNote(imagePath);
+                if (const int err = QVRenameNoReplaceAt(AT_FDCWD, tempPath.c_str(), AT_FDCWD, imagePath.c_str())) {
+                    error = QVError{QVPOSIXErrorDomain, err,
+                                    QVFormat("Failed to move disk image because: %s", std::strerror(err))};
+                    QV_LOG_ERROR("Fake disk image creation failed: " + error->description);
+                } else {
+                    QVSyncDirectory(storageURL, nullptr);
+                    madePath = imagePath;
+                    FakeImageNote::removeImageFromNote(tempPath);
+                }
             }
         }
+        diskinfo.setUrl(Value::url(imagePath));
     }
     if (!error) {
         if (cancelled()) {
-            DiskMaster::removeImage(imagePath);
-            FakeImageNote::removeImageFromNote(imagePath);
+            DiskMaster::removeImage(madePath);
+            FakeImageNote::removeImageFromNote(madePath);
         } else {
-            QVForgeFakeImageDates(imagePath);
+            QVForgeFakeImageDates(madePath);
         }
     }
+    // A real folder's creation leaves no empty Temp behind either.
+    EncryptFolderTask::removeTempFolder(tempDir);
     // The image stays in the note: only the end of the whole upgrade makes it final.
     const bool wasCancelled = cancelled();
     completionBlock(error, wasCancelled);

@@ -233,7 +233,7 @@ TEST_F(DeniabilityTest, TheExaminerCannotTellRealFromFakeByTheClosedLeaks) {
     auto r = runProcess({std::string(QV_SOURCE_DIR) + "/tools/examine", "--json", data()}, "");
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const QJsonObject report = QJsonDocument::fromJson(QByteArray::fromStdString(r.out)).object();
-    std::set<std::string> blobLengths, blobHeaders, tokenHeaders, containerHeaders, capacities;
+    std::set<std::string> blobLengths, blobHeaders, tokenHeaders, containerHeaders, capacities, moved;
     auto header = [](const QJsonObject& h) {
         return std::to_string(h["logN"].toInt()) + " " + std::to_string(h["r"].toInt()) + " " +
                std::to_string(h["p"].toInt());
@@ -249,6 +249,8 @@ TEST_F(DeniabilityTest, TheExaminerCannotTellRealFromFakeByTheClosedLeaks) {
         tokenHeaders.insert(header(image["token"].toObject()["scrypt"].toObject()));
         containerHeaders.insert(header(image["diskinfo"].toObject()["password_scrypt"].toObject()));
         capacities.insert(std::to_string(image["info"].toObject()["size"].toDouble()));
+        const QJsonObject bundle = image["items"].toObject()["."].toObject();
+        moved.insert(bundle["ctime_ns"].toDouble() > bundle["mtime_ns"].toDouble() ? "moved" : "made in place");
         EXPECT_TRUE(image["marks"].toObject()["modified_before_birth"].toArray().isEmpty())
             << image["name"].toString().toStdString();
     }
@@ -257,6 +259,7 @@ TEST_F(DeniabilityTest, TheExaminerCannotTellRealFromFakeByTheClosedLeaks) {
     EXPECT_EQ(tokenHeaders.size(), 1u);
     EXPECT_EQ(containerHeaders.size(), 1u);
     EXPECT_EQ(capacities.size(), 1u);
+    EXPECT_EQ(moved, std::set<std::string>{"moved"}) << "every image made in Temp and moved into place";
     EXPECT_TRUE(report["diskinfo_passwords_shared"].toArray().isEmpty()) << "no two images share a container";
     EXPECT_FALSE(report["note"].toBool());
 }
