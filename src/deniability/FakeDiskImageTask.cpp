@@ -11,7 +11,6 @@
 #include "deniability/FakeImageNote.h"
 #include "disk/DiskMaster.h"
 #include "disk/RenameAt.h"
-#include "tasks/EncryptFolderTask.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/PathText.h"
@@ -120,8 +119,6 @@ OperationResult FakeDiskImageTask::go(const QVRecordRef& folderFace) {
             QVForgeFakeImageDates(madePath);
         }
     }
-    // A real folder's creation leaves no empty Temp behind either.
-    EncryptFolderTask::removeTempFolder(tempDir);
     // The image stays in the note: only the end of the whole upgrade makes it final.
     const bool wasCancelled = cancelled();
     completionBlock(error, wasCancelled);

@@ -15,6 +15,7 @@
 #include "disk/FileSystemVolumes.h"
 #include "disk/FolderState.h"
 #include "disk/StorageLocations.h"
+#include "tasks/EncryptFolderTask.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
@@ -245,6 +246,9 @@ bool MigrationTask::addRandomSubDBs(long count, QVError* error) {
 
     labels(cancelOpsIfUserCancelled() ? "Cancelling migration..." : "Creating fake disk images...", kImagesLine);
     queue_->waitUntilAllOperationsAreFinished();
+    // The images are made in the storage's Temp, side by side; once all are
+    // done it goes when empty, as after a real folder's creation.
+    EncryptFolderTask::removeTempFolder(QVPathByAppendingComponent(defaultDiskImageLocationURL(), "Temp"));
 
     std::optional<QVError> failure;
     {

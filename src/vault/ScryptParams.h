@@ -47,7 +47,9 @@ size_t QVScryptMemLimitFrom(const QVScryptMemoryFacts& facts, size_t maxmem, dou
 // Both steps on this machine. Returns 0 or QVScryptErrMemLimit.
 int QVScryptMemLimit(size_t maxmem, double maxmemfrac, size_t* memlimit);
 
-// Salsa20/8 core operations per second, measured with scrypt itself.
+// Salsa20/8 core operations per second, measured with scrypt itself (warmed up
+// first, the fastest of three short timed stretches), so that the answer
+// depends on the machine and not on the moment or on the process.
 // Returns 0, QVScryptErrClock or QVScryptErrKDF.
 int QVScryptMeasureSpeed(double* opsPerSecond);
 
