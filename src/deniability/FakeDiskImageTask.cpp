@@ -9,6 +9,7 @@
 
 #include "deniability/FakeImageDates.h"
 #include "deniability/FakeImageNote.h"
+#include "disk/DiskInfoFile.h"
 #include "disk/DiskMaster.h"
 #include "disk/RenameAt.h"
 #include "toolkit/AtomicFile.h"
@@ -85,6 +86,11 @@ OperationResult FakeDiskImageTask::go(const QVRecordRef& folderFace) {
             const std::string volume = f.mountpoint().toURLPath();
             createRandomFilesInURL(volume, folderContentSize);
             ::sleep(kSettleSeconds);
+            // A real folder's diskinfo is written once its contents are in, just
+            // before the volume comes down: written again now, the fake one's
+            // time stamps (and the bundle's) follow the same order.
+            if (auto diskinfoError = QVDiskInfoSerializeFromFolder(folder))
+                QV_LOG_WARN("couldn't write a disk image's diskinfo again: " + diskinfoError->description);
             // Nobody else uses a fake volume: an ordinary detach, which returns
             // once every band is written, so that nothing changes the image
             // after it was moved and dated, and a cancelled one can be removed
