@@ -1,7 +1,10 @@
 #include "app/LayerWiring.h"
 
+#include "app/Backup.h"
 #include "app/FolderList.h"
+#include "app/Startup.h"
 #include "automation/ActionsManager.h"
+#include "deniability/PDAssistant.h"
 #include "tasks/EncryptFolderTask.h"
 #include "tasks/FolderActionsRunner.h"
 #include "tasks/LockFolderTask.h"
@@ -20,6 +23,11 @@ void QVConnectLayers() {
         return UnlockFolderTask::taskWithFolderFace(face, openFolder);
     };
     FolderList::singleton().setTaskMakers(std::move(makers));
+
+    PDAssistantHost host;
+    host.backupDatabase = [] { return backupQuillvaneDatabase(); };
+    host.reloadMasterDB = [](QVError* error) { return reloadMasterDB(error); };
+    QVSetPDAssistantHost(std::move(host));
 }
 
 } // namespace qv

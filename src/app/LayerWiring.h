@@ -6,7 +6,8 @@
 namespace qv {
 
 // Installs the folder actions runner of the tasks (automation's
-// ActionsManager), the task makers of the folder list (the task classes), and
+// ActionsManager), the task makers of the folder list (the task classes), the
+// backup and the reload of the master file for the upgrade's assistant, and
 // makes the folder list, which lends itself to the layers below as the host of
 // the faces on show.
 void QVConnectLayers();

@@ -2,10 +2,12 @@
 
 #include <filesystem>
 
+#include "app/DatabaseUpgrade.h"
 #include "app/OldDataMigration.h"
-#include "vault/UserDefaults.h"
-#include "vault/Locations.h"
+#include "deniability/MigrationTask.h"
 #include "toolkit/Log.h"
+#include "vault/Locations.h"
+#include "vault/UserDefaults.h"
 
 namespace qv {
 
@@ -35,6 +37,8 @@ QVLaunchResult QVOpenMasterDatabaseAtLaunch(QVError* error) {
         QVSetAppError(error, QVErrorRefused, text);
         return result;
     }
+    result.needsUpgrade = result.databaseExisted && MigrationTask::needsMigration(master);
+    QVCleanUpInterruptedUpgrade(master, result.needsUpgrade);
     result.master = master;
     return result;
 }

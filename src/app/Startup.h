@@ -13,9 +13,13 @@ inline constexpr const char* QVInvalidDatabaseVersionTitle = "Invalid database v
 struct QVLaunchResult {
     DBMasterRef master;          // null when the program must stop
     bool databaseExisted = false;  // false: the set-up assistant comes first
+    // The file on disk needs the upgrade (deniability/MigrationTask.h) before
+    // anything else is done with it.
+    bool needsUpgrade = false;
     const char* errorTitle = nullptr;
 };
 
+// What an interrupted upgrade left is cleaned away here (app/DatabaseUpgrade.h).
 // On failure `error` holds the text to show under `errorTitle`: the open
 // error's description, or the refusal of a database of a newer version.
 QVLaunchResult QVOpenMasterDatabaseAtLaunch(QVError* error);

@@ -21,8 +21,15 @@ enum ExitCode : int {
 void complain(const std::string& message);
 
 // Registers the defaults, moves the previous version's data, and opens the
-// master file, refusing one of a newer version. Null after a complaint.
-DBMasterRef openDatabase(int* exitCode);
+// master file, refusing one of a newer version. A file that needs the upgrade
+// is refused too (naming `qv upgrade`), unless the caller asks with
+// `needsUpgrade` and decides itself. `existed`: whether the file was there.
+// Null after a complaint.
+DBMasterRef openDatabase(int* exitCode, bool* needsUpgrade = nullptr, bool* existed = nullptr);
+
+// The event loop the tasks post to, and the notification centre printing on
+// standard error and asking on the terminal; for every command that runs tasks.
+void prepareConsoleSession();
 
 class PasswordInput;
 // Opens the set the typed password belongs to; null after a complaint, with the
@@ -37,5 +44,6 @@ int cmdUnlock(const std::vector<std::string>& args);
 int cmdLock(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
 int cmdActions(const std::vector<std::string>& args);
+int cmdUpgrade(const std::vector<std::string>& args);
 
 } // namespace qv::cli

@@ -100,7 +100,9 @@ void ensureApplication() {
     if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
 }
 
-FolderSession::FolderSession() {
+FolderSession::FolderSession() { prepareConsoleSession(); }
+
+void prepareConsoleSession() {
     ensureApplication();
     auto& centre = QVNotificationCenter::defaultCenter();
     // qv tells the user on its terminal, whichever way the preferences choose.

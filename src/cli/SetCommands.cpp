@@ -4,6 +4,8 @@
 #include "app/Backup.h"
 #include "cli/Cli.h"
 #include "cli/PasswordInput.h"
+#include "cli/Upgrade.h"
+#include "deniability/MigrationTask.h"
 #include "vault/QVCrypto.h"
 #include "vault/QVRecord.h"
 
@@ -36,7 +38,18 @@ bool readNew(PasswordInput& input, std::string& out) {
     return true;
 }
 
-int setCreate(const DBMasterRef& master) {
+// The first set of a new database is followed at once by the upgrade that
+// gives it its fake sets and images, as the set-up assistant does.
+int setCreate(const DBMasterRef& master, const FakeSpaceOptions& options, bool needsUpgrade) {
+    const bool newDatabase = master->subDBCount() == 0;
+    if (needsUpgrade && !newDatabase) {
+        complain("the database must be upgraded first: run qv upgrade");
+        return ExitRefused;
+    }
+    // Planned (and "no space" confirmed) before anything is written.
+    const bool upgrade = newDatabase && MigrationTask::needsMigration(master);
+    PDAssistantSetup plan;
+    if (upgrade && !planFakeImages(options, &plan)) return ExitRefused;
     PasswordInput input;
     std::string pass;
     QVWipeOnExit wipe(pass);
@@ -52,6 +65,8 @@ int setCreate(const DBMasterRef& master) {
         return ExitFailure;
     }
     master->returnSubDB(subdb);
+    QVWipe(pass);
+    if (upgrade) return runDatabaseUpgrade(master, plan, true);
     return ExitOK;
 }
 
@@ -121,15 +136,20 @@ int setPasswd(const DBMasterRef& master) {
 
 } // namespace
 
-int cmdSet(const std::vector<std::string>& args) {
+int cmdSet(const std::vector<std::string>& argsIn) {
+    std::vector<std::string> args = argsIn;
+    FakeSpaceOptions options;
+    const bool create = !args.empty() && args[0] == "create";
+    if (create && !parseFakeSpaceOptions(args, &options)) return ExitUsage;
     if (args.size() != 1 || (args[0] != "create" && args[0] != "check" && args[0] != "passwd")) {
-        complain("usage: qv set create|check|passwd");
+        complain("usage: qv set create [--fake-space SIZE] [--fake-plan random|small|large] [--yes] | check | passwd");
         return ExitUsage;
     }
     int code = ExitOK;
-    DBMasterRef master = openDatabase(&code);
+    bool needsUpgrade = false;
+    DBMasterRef master = openDatabase(&code, create ? &needsUpgrade : nullptr);
     if (!master) return code;
-    if (args[0] == "create") return setCreate(master);
+    if (create) return setCreate(master, options, needsUpgrade);
     if (args[0] == "check") return setCheck(master);
     return setPasswd(master);
 }

@@ -17,11 +17,16 @@ const char* kUsage =
     "\n"
     "Folder Sets (passwords are typed on the terminal, or read one per line from\n"
     "standard input when it is not a terminal; never given as arguments):\n"
-    "  qv set create      make a new Folder Set (the password typed twice)\n"
+    "  qv set create [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
+    "                     make a new Folder Set (the password typed twice); the first\n"
+    "                     set of a new database also gets the fake sets and images\n"
     "  qv set check       does a password open a Folder Set? (exit status 0 or 3)\n"
     "  qv set passwd      change a Folder Set's password (current, then new)\n"
     "  qv folders         list the folders of the set a password opens\n"
     "  qv backup          copy the master file into the Backups folder\n"
+    "  qv upgrade [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
+    "                     add the fake sets and images a database must have (SIZE like\n"
+    "                     2G, 600M or 0; 0 needs --yes without a terminal)\n"
     "\n"
     "Folders (of the set the password opens):\n"
     "  qv encrypt <folder>...         protect folders: their contents move into images\n"
@@ -31,7 +36,8 @@ const char* kUsage =
     "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
     "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
     "  qv actions <folder> remove unlock|lock <number>\n"
-    "  Ctrl-C cancels a running task; the folder is left as it was.\n"
+    "  Ctrl-C cancels a running task or the upgrade; the folder, or the database, is\n"
+    "  left as it was.\n"
     "\n"
     "  --verbose          also print the log on standard error\n"
     "  --help             this text\n"
@@ -61,7 +67,9 @@ int main(int argc, char** argv) {
     }
     const std::string command = args.front();
     args.erase(args.begin());
+    if (command == "set" || command == "upgrade") qv::QVConnectLayers();
     if (command == "set") return qv::cli::cmdSet(args);
+    if (command == "upgrade") return qv::cli::cmdUpgrade(args);
     if (command == "folders") return qv::cli::cmdFolders(args);
     if (command == "backup") return qv::cli::cmdBackup(args);
     qv::QVConnectLayers();

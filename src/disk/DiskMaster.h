@@ -22,6 +22,7 @@
 #include "sys/ImageToolStatus.h"
 #include "toolkit/QVError.h"
 #include "vault/QVRecord.h"
+#include "vault/ScryptParams.h"
 
 namespace qv {
 
@@ -36,7 +37,9 @@ enum DiskCreateOptions : unsigned {
     // and store that path as the folder's `mountpoint`: the caller then owns
     // both the mount and the directory.
     DiskCreateKeepMounted = 2,
-    // Copy no contents into the image.
+    // Copy no contents into the image. Nothing of the folder is read then: the
+    // image is sized, and the room checked, for the folder's recorded
+    // `folderSize` (0 when it has none) instead of a walk of its path.
     DiskCreateSkipCopy = 4,
     // Leave the new volume's search indexing as it is.
     DiskCreateSkipSpotlight = 8,
@@ -73,8 +76,17 @@ public:
     // space available. Please free at least <size>."; the helper's exit status
     // with "Failed to create disk image, error:\n\n<why>"; those of the size
     // walk, the mount, the copy (1000 when cancelled) and the diskinfo file.
+    // `tokenParameters`, when given, are the scrypt parameters the image's
+    // token is made with (measured once by a caller that makes many images at
+    // once); otherwise the helper measures its own.
     static bool createDiskForFolderFace(const QVRecordRef& face, long diskInfoSettings, unsigned options,
-                                        const IconFamily* icon, QVError* error);
+                                        const IconFamily* icon, QVError* error,
+                                        const QVScryptParams* tokenParameters = nullptr);
+
+    // Deletes an image directory that is not to be kept, also while its device
+    // process is still letting go of a band after a forced detach. False (logged)
+    // when it could not be removed.
+    static bool removeImage(const std::string& imagePath);
 
     // The progress and cancel callback of a copy of `size` bytes into or out of
     // the face's image: it shows the fraction done and "Time left: ..." on the

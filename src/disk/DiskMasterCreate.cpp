@@ -45,22 +45,6 @@ void turnOnIndexingIfNecessary(const std::string& mount) {
         QV_LOG_ERROR(QVFormat("qv-index failed on '%s': %s", mount.c_str(), trimmedMessage(error.description).c_str()));
 }
 
-// Removes a new image that is not to be kept. Its device process may still be
-// letting go of a band after a forced detach, so a directory that refills
-// while it is emptied is emptied again.
-void removeImage(const std::string& imagePath) {
-    if (imagePath.empty()) return;
-    std::error_code ec;
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        ec.clear();
-        std::filesystem::remove_all(imagePath, ec);
-        if (!ec && !std::filesystem::exists(std::filesystem::symlink_status(imagePath))) return;
-        ::usleep(200000);
-    }
-    QV_LOG_ERROR(QVFormat("couldn't remove the unfinished disk image '%s': %s", imagePath.c_str(),
-                          ec ? ec.message().c_str() : "it came back"));
-}
-
 // The temporary mount point is removed only once empty: never recursively, as
 // a volume that failed to come down would be emptied with it.
 void removeMountDirectory(const std::string& path) {
@@ -75,6 +59,22 @@ bool pathExists(const std::string& path) {
 }
 
 } // namespace
+
+// Its device process may still be letting go of a band after a forced detach,
+// so a directory that refills while it is emptied is emptied again.
+bool DiskMaster::removeImage(const std::string& imagePath) {
+    if (imagePath.empty()) return true;
+    std::error_code ec;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        ec.clear();
+        std::filesystem::remove_all(imagePath, ec);
+        if (!ec && !std::filesystem::exists(std::filesystem::symlink_status(imagePath))) return true;
+        ::usleep(200000);
+    }
+    QV_LOG_ERROR(QVFormat("couldn't remove the unfinished disk image '%s': %s", imagePath.c_str(),
+                          ec ? ec.message().c_str() : "it came back"));
+    return false;
+}
 
 // ---------------------------------------------------------------------- the rules
 
@@ -139,7 +139,8 @@ QVCopyCancelBlock DiskMaster::copyCancelBlockForFolderFace(const QVRecordRef& fa
 // ---------------------------------------------------------------------- creation
 
 bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoSettings, unsigned options,
-                                         const IconFamily* icon, QVError* error) {
+                                         const IconFamily* icon, QVError* error,
+                                         const QVScryptParams* tokenParameters) {
     const bool updateUI = options & DiskCreateUpdateUI;
     const bool keepMounted = options & DiskCreateKeepMounted;
     const FaceParts parts = partsOf(face);
@@ -156,8 +157,14 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
         QVSetAppError(error, QVErrorFailed, "Couldn't figure out free space available.");
         return false;
     }
-    const uint64_t size = folderSizeOfFolderFace(face, updateUI, error);
-    if (size == kSizeFailed) return false;
+    uint64_t size = 0;
+    if (options & DiskCreateSkipCopy) {
+        const Value recorded = folder.folderSize();
+        size = recorded.isNumber() && recorded.toInt() > 0 ? uint64_t(recorded.toInt()) : 0;
+    } else {
+        size = folderSizeOfFolderFace(face, updateUI, error);
+        if (size == kSizeFailed) return false;
+    }
     if (const uint64_t shortfall = spaceShortfall(available, size)) {
         const std::string storageURL = StorageRef{parts.storage}.url().toURLPath();
         QV_LOG_ERROR(QVFormat("need at least %s freed on: %s", bytesToHumanReadableString(shortfall).c_str(),
@@ -189,14 +196,14 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
         ImagePassword password(face, parts.folder);
         if (!password.fill(error)) return false;
         if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Creating disk image...")});
-        output = runImageTool(args, password.bytes(), &runError);
+        output = runImageTool(args, password.bytes(), &runError, tokenParameters);
     }
     if (!runError.empty()) {
         const std::string why = trimmedMessage(runError.description);
         QV_LOG_ERROR(QVFormat("failed to create '%s': %s %s", imagePath.c_str(), why.c_str(),
                               outputText(output).c_str()));
         QVSetAppError(error, runError.code, "Failed to create disk image, error:\n\n" + why);
-        if (!existedBefore) removeImage(imagePath);
+        if (!existedBefore) DiskMaster::removeImage(imagePath);
         return false;
     }
 
@@ -248,7 +255,7 @@ bool DiskMaster::createDiskForFolderFace(const QVRecordRef& face, long diskInfoS
             }
         }
     }
-    if (!result) removeImage(imagePath);
+    if (!result) DiskMaster::removeImage(imagePath);
     if (!(result && keepMounted)) removeMountDirectory(tempMount);
     return result;
 }

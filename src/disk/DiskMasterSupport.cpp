@@ -64,9 +64,14 @@ bool ImagePassword::fill(QVError* error) {
 }
 
 std::optional<std::vector<uint8_t>> runImageTool(const std::vector<std::string>& args,
-                                                 std::optional<std::span<const uint8_t>> input, QVError* error) {
+                                                 std::optional<std::span<const uint8_t>> input, QVError* error,
+                                                 const QVScryptParams* tokenParameters) {
     if (!input) input = std::span<const uint8_t>();
-    return quickCommand(QVToolPath("qv-image"), args, input, error);
+    if (!tokenParameters) return quickCommand(QVToolPath("qv-image"), args, input, error);
+    std::vector<std::string> envArgs{
+        std::string(QVImageScryptParamsVariable) + "=" + QVScryptParamsText(*tokenParameters), QVToolPath("qv-image")};
+    envArgs.insert(envArgs.end(), args.begin(), args.end());
+    return quickCommand("/usr/bin/env", envArgs, input, error);
 }
 
 std::string outputText(const std::optional<std::vector<uint8_t>>& output) {

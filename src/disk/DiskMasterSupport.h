@@ -10,6 +10,7 @@
 
 #include "toolkit/QVError.h"
 #include "vault/QVRecord.h"
+#include "vault/ScryptParams.h"
 #include "vault/Value.h"
 
 namespace qv::diskmaster {
@@ -49,8 +50,12 @@ private:
 
 // Runs qv-image with these arguments. With `input` the bytes go to its standard
 // input; without, its standard input is an empty pipe (never our terminal).
+// With `tokenParameters` the helper is told (in its environment, through
+// env(1), so that its own arguments stay word for word) to make a new image's
+// token under those scrypt parameters.
 std::optional<std::vector<uint8_t>> runImageTool(const std::vector<std::string>& args,
-                                                 std::optional<std::span<const uint8_t>> input, QVError* error);
+                                                 std::optional<std::span<const uint8_t>> input, QVError* error,
+                                                 const QVScryptParams* tokenParameters = nullptr);
 
 // The text of a helper's output, "" when it isn't text.
 std::string outputText(const std::optional<std::vector<uint8_t>>& output);

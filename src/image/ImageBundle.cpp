@@ -133,7 +133,12 @@ bool makeDiskKey(Encryption encryption, SecureBytes* key, QVError* error) {
 bool wrapDiskKey(const SecureBytes& key, const SecureBytes& password, Bytes* token, QVError* error) {
     Bytes plain(key.data(), key.data() + key.size());
     Bytes pw(password.data(), password.data() + password.size());
-    auto container = QVCrypto::encrypt(plain, pw);
+    // A caller that makes many images at once measures the machine once and
+    // hands the parameters down, so that tokens made side by side don't carry
+    // the cheaper parameters a busy machine would be measured at.
+    std::optional<QVScryptParams> given;
+    if (const char* text = std::getenv(QVImageScryptParamsVariable)) given = QVScryptParamsFromText(text);
+    auto container = given ? QVCrypto::encrypt(plain, pw, *given) : QVCrypto::encrypt(plain, pw);
     QVWipe(plain);
     QVWipe(pw);
     if (!container) return fail(error, QVImageExitFailure, "cannot wrap the disk key");

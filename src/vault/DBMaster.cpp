@@ -3,12 +3,13 @@
 #include <chrono>
 #include <filesystem>
 
-#include "vault/Locations.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "vault/KeyedArchive.h"
+#include "vault/Locations.h"
 #include "vault/QVCrypto.h"
 #include "vault/QVRecord.h"
+#include "vault/SetPadding.h"
 
 namespace qv {
 
@@ -200,7 +201,7 @@ bool DBMaster::addSubDB(const DBSubdbRef& subdb, bool loadIt, QVError* error) {
             QV_LOG_FAILED("!lookup");
             return;
         }
-        auto blob = dataFromSubdb(subdb, password, error);
+        auto blob = dataFromSubdb(subdb, password, nullptr, error);
         if (!blob) return;
         subdb->setLookup(*lookup);
         subdb->setMasterdb(shared_from_this());
@@ -214,15 +215,17 @@ bool DBMaster::addSubDB(const DBSubdbRef& subdb, bool loadIt, QVError* error) {
     return ok;
 }
 
-std::optional<Bytes> DBMaster::dataFromSubdb(const DBSubdbRef& subdb, const std::string& pass, QVError* error) {
-    auto archived = archivedDataWithRootObject(Value(subdb->subdb()));
+std::optional<Bytes> DBMaster::dataFromSubdb(const DBSubdbRef& subdb, const std::string& pass,
+                                             const QVScryptParams* params, QVError* error) {
+    auto archived = QVArchivePaddedSet(subdb->subdb());
     if (!archived) {
         QV_LOG_FAILED("!data");
         QVSetAppError(error, QVErrorFailed,
                       "Internal error archiving database, please see system log for details.");
         return std::nullopt;
     }
-    auto blob = QVCrypto::encryptWithString(*archived, pass);
+    auto blob =
+        params ? QVCrypto::encryptWithString(*archived, pass, *params) : QVCrypto::encryptWithString(*archived, pass);
     QVWipe(*archived);
     if (!blob) {
         QV_LOG_FAILED("!data");
@@ -237,7 +240,7 @@ bool DBMaster::saveSubDB(const DBSubdbRef& subdb, QVError* error) {
     bool made = false;
     subdb->withPassword([&](std::string& password) {
         QVError blobError;
-        auto blob = dataFromSubdb(subdb, password, &blobError);
+        auto blob = dataFromSubdb(subdb, password, nullptr, &blobError);
         if (!blob) {
             QV_LOG_ERROR(QVFormat("%s: ", __func__) + blobError.description);
             if (error) *error = blobError;
@@ -268,7 +271,7 @@ bool DBMaster::changePasswordOnSubdb(const DBSubdbRef& subdb, const std::string&
     changeFoldersPasswords(subdb, password);
     subdb->setLookup(*newLookup);
     subdb->setPassword(password);
-    auto blob = dataFromSubdb(subdb, password, nullptr);
+    auto blob = dataFromSubdb(subdb, password, nullptr, nullptr);
     bool result;
     if (blob && !blob->empty()) {
         DictRef subdbs = subdbsDict();
@@ -303,6 +306,46 @@ void DBMaster::changeFoldersPasswords(const DBSubdbRef& subdb, const std::string
             if (text) QVWipe(*text);
         });
     }
+}
+
+std::optional<Bytes> DBMaster::lookupKeyForPassword(const std::string& password, QVError* error) {
+    DictRef params;
+    {
+        std::lock_guard<std::recursive_mutex> lock(monitor_);
+        params = QVDictGet(*masterdb_, QVMDBParamsKey).toDict();
+    }
+    if (!params) {
+        QVSetAppError(error, QVErrorFailed, "Internal error storing database, see system log for more info.");
+        return std::nullopt;
+    }
+    Bytes pass = utf8(password);
+    auto lookup = QVCrypto::encrypt(utf8(QVLookupPlaintext), pass, params);
+    QVWipe(pass);
+    if (!lookup) QVSetAppError(error, QVErrorFailed, "Internal error storing database, see system log for more info.");
+    return lookup;
+}
+
+bool DBMaster::containsLookupKey(const Bytes& lookup) {
+    std::lock_guard<std::recursive_mutex> lock(monitor_);
+    DictRef subdbs = subdbsDict();
+    return subdbs && subdbs->count(DictKey(lookup)) > 0;
+}
+
+bool DBMaster::addPreparedSubDB(const DBSubdbRef& subdb, const Bytes& lookup, const Bytes& blob, QVError* error) {
+    std::lock_guard<std::recursive_mutex> lock(monitor_);
+    DictRef subdbs = subdbsDict();
+    if (!subdbs || QVDictGet(*masterdb_, QVMDBParamsKey).isNull()) {
+        QVSetAppError(error, QVErrorRefused, "The database has no Folder Set yet.");
+        return false;
+    }
+    if (subdbs->count(DictKey(lookup))) {
+        QVSetAppError(error, QVErrorRefused, "A Folder Set with this password exists already.");
+        return false;
+    }
+    subdb->setLookup(lookup);
+    subdb->setMasterdb(shared_from_this());
+    (*subdbs)[lookup] = Value(blob);
+    return true;
 }
 
 std::string DBMaster::migratedURLForFolder(const QVRecordRef& folder) {

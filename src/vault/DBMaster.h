@@ -10,6 +10,7 @@
 
 #include "toolkit/QVError.h"
 #include "vault/DBSubdb.h"
+#include "vault/ScryptParams.h"
 #include "vault/Value.h"
 
 namespace qv {
@@ -50,6 +51,23 @@ public:
     bool changePasswordOnSubdb(const DBSubdbRef& subdb, const std::string& password, QVError* error);
     void changeFoldersPasswords(const DBSubdbRef& subdb, const std::string& password);
     std::string migratedURLForFolder(const QVRecordRef& folder);
+
+    // For work that adds many sets at once: the lookup key of a password under
+    // the database's parameters, derived without holding the monitor (so that
+    // several derive side by side); nothing with an error when the database has
+    // no parameters yet or the derivation fails.
+    std::optional<Bytes> lookupKeyForPassword(const std::string& password, QVError* error);
+    // Whether a set is stored under this lookup key.
+    bool containsLookupKey(const Bytes& lookup);
+    // Stores a set whose lookup key and blob were made beforehand (memory only,
+    // like addSubDB). Refused (false, error 1003) when a set is stored under that
+    // key already or the database has no parameters yet.
+    bool addPreparedSubDB(const DBSubdbRef& subdb, const Bytes& lookup, const Bytes& blob, QVError* error);
+    // A set's blob: its dictionary archived, padded to a bucket (vault/SetPadding.h)
+    // and encrypted with `pass`, under fresh parameters or, when given, under
+    // parameters measured beforehand.
+    static std::optional<Bytes> dataFromSubdb(const DBSubdbRef& subdb, const std::string& pass,
+                                              const QVScryptParams* params, QVError* error);
     bool archiveMasterDBToURL(const std::string& url, QVError* error);
 
     // The root dictionary (for the upgrade and for tests that inspect the file's content).
@@ -60,7 +78,6 @@ private:
     DBMaster() = default;
     static DictRef unarchiveMasterDBFromURL(const std::string& url, QVError* error);
     std::optional<Bytes> lookupForPass(const std::string& pass, bool forLoading, QVError* error);
-    static std::optional<Bytes> dataFromSubdb(const DBSubdbRef& subdb, const std::string& pass, QVError* error);
     DictRef subdbsDict() const;
 
     DictRef masterdb_;

@@ -8,6 +8,7 @@
 #include "vault/ListHelpers.h"
 #include "vault/QVCrypto.h"
 #include "vault/QVRecord.h"
+#include "vault/SetPadding.h"
 
 namespace qv {
 
@@ -75,6 +76,8 @@ std::shared_ptr<DBSubdb> DBSubdb::subdbWithData(const Bytes& data, const std::sh
     if (folders.isNull()) (*dict)[QVSDBFoldersKey] = Value::newArray();
     auto subdb = std::make_shared<DBSubdb>();
     subdb->subdb_ = std::make_shared<Dict>(*dict);
+    // Padding is made afresh at each save, never carried along.
+    QVDropSetPadding(*subdb->subdb_);
     subdb->masterdb_ = master;
     subdb->setPassword(pass);
     return subdb;

@@ -5,12 +5,15 @@
 #include <sys/random.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
+#include <vector>
 
 #include "toolkit/Log.h"
+#include "vault/QVCryptoTesting.h"
 
 namespace qv {
 
@@ -22,6 +25,8 @@ constexpr double kEncMaxTime = 1.0;
 constexpr double kDecMaxMemFrac = 1.0;
 constexpr double kDecMaxTime = 10.0;
 constexpr size_t kOverhead = 128;
+// Runs of the speed measurement behind parameters that many containers share.
+constexpr int kSharedMeasurements = 15;
 
 // ---- random source -------------------------------------------------------
 
@@ -214,6 +219,56 @@ std::optional<Bytes> encryptString(const std::string& plaintext, const std::stri
     SecretCopy text(plaintext);
     SecretCopy pw(password);
     return encrypt(text.bytes, pw.bytes);
+}
+
+bool parametersForFreshContainers(QVScryptParams* params) {
+    if (QVCryptoCheapParametersForTesting()) {
+        *params = QVScryptCheapParams;
+        return true;
+    }
+    // One run of the measurement is short and now and then lands far off (a
+    // preempted run, a cold cache). A lone save lives with that; parameters
+    // that many containers will share must be the machine's typical ones, so
+    // they come from the median of several runs.
+    size_t memlimit = 0;
+    int rc = QVScryptMemLimit(0, kEncMaxMemFrac, &memlimit);
+    std::vector<double> speeds;
+    for (int run = 0; rc == 0 && run < kSharedMeasurements; ++run) {
+        double opsPerSecond = 0;
+        rc = QVScryptMeasureSpeed(&opsPerSecond);
+        speeds.push_back(opsPerSecond);
+    }
+    if (rc != 0) {
+        QV_LOG_ERROR(QVFormat("measuring scrypt parameters returned: %d", rc));
+        return false;
+    }
+    std::nth_element(speeds.begin(), speeds.begin() + long(speeds.size() / 2), speeds.end());
+    *params = QVScryptPickParams(memlimit, speeds[speeds.size() / 2], kEncMaxTime);
+    return true;
+}
+
+std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, const QVScryptParams& params) {
+    Bytes out(plaintext.size() + kOverhead);
+    int rc =
+        scryptenc_buf_params(plaintext.data(), plaintext.size(), out.data(), password.data(), password.size(), params);
+    if (rc != 0) {
+        QV_LOG_ERROR(QVFormat("scryptenc_buf returned: %d", rc));
+        return std::nullopt;
+    }
+    return out;
+}
+
+std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string& password,
+                                       const QVScryptParams& params) {
+    SecretCopy pw(password);
+    return encrypt(plaintext, pw.bytes, params);
+}
+
+std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password,
+                                   const QVScryptParams& params) {
+    SecretCopy text(plaintext);
+    SecretCopy pw(password);
+    return encrypt(text.bytes, pw.bytes, params);
 }
 
 std::optional<Bytes> decrypt(const Bytes& container, const Bytes& password) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "vault/ScryptParams.h"
 #include "vault/Value.h"
 
 namespace qv {
@@ -26,6 +27,9 @@ int scryptdec_buf(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, size_t
                   size_t passwdlen, size_t maxmem, double maxmemfrac, double maxtime);
 int scryptenc_buf_given(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, const uint8_t* passwd,
                         size_t passwdlen, const uint8_t* salt, int logN, uint32_t r, uint32_t p);
+// A fresh random salt, parameters chosen beforehand (no measurement here).
+int scryptenc_buf_params(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, const uint8_t* passwd,
+                         size_t passwdlen, const QVScryptParams& params);
 
 // The extension operations. A null result means failure (the number is logged);
 // they hold no state and may run on any thread.
@@ -39,6 +43,21 @@ std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, cons
 std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string& password);
 // encrypt: on a string: the container of the string's UTF-8 bytes.
 std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password);
+
+// The parameters a fresh container gets on this machine (the memory limit, the
+// speed measurement and the pick that `encrypt` does each time, the speed
+// taken as the median of several runs), for work that makes many containers at
+// once: measured while the machine is busy with them, each container would
+// carry cheaper parameters than a lone save does. False (logged) when the
+// limit or the speed can't be found.
+bool parametersForFreshContainers(QVScryptParams* params);
+// Fresh containers (random salt) under parameters measured once beforehand.
+std::optional<Bytes> encrypt(const Bytes& plaintext, const Bytes& password, const QVScryptParams& params);
+std::optional<Bytes> encryptWithString(const Bytes& plaintext, const std::string& password,
+                                       const QVScryptParams& params);
+std::optional<Bytes> encryptString(const std::string& plaintext, const std::string& password,
+                                   const QVScryptParams& params);
+
 std::optional<Bytes> decrypt(const Bytes& container, const Bytes& password);
 std::optional<Bytes> decryptWithString(const Bytes& container, const std::string& password);
 std::optional<std::string> decryptString(const Bytes& container, const Bytes& password);

@@ -167,6 +167,13 @@ int scryptenc_buf(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, const 
     return encryptGiven(inbuf, inbuflen, outbuf, passwd, passwdlen, salt, params.logN, params.r, params.p);
 }
 
+int scryptenc_buf_params(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, const uint8_t* passwd,
+                         size_t passwdlen, const QVScryptParams& params) {
+    uint8_t salt[kSaltLen];
+    if (int rc = readSalt(salt, sizeof salt)) return rc;
+    return encryptGiven(inbuf, inbuflen, outbuf, passwd, passwdlen, salt, params.logN, params.r, params.p);
+}
+
 int scryptenc_buf_given(const uint8_t* inbuf, size_t inbuflen, uint8_t* outbuf, const uint8_t* passwd,
                         size_t passwdlen, const uint8_t* salt, int logN, uint32_t r, uint32_t p) {
     return encryptGiven(inbuf, inbuflen, outbuf, passwd, passwdlen, salt, logN, r, p);

@@ -6,6 +6,8 @@
 // against fixed numbers.
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace qv {
 
@@ -45,7 +47,9 @@ size_t QVScryptMemLimitFrom(const QVScryptMemoryFacts& facts, size_t maxmem, dou
 // Both steps on this machine. Returns 0 or QVScryptErrMemLimit.
 int QVScryptMemLimit(size_t maxmem, double maxmemfrac, size_t* memlimit);
 
-// Salsa20/8 core operations per second, measured with scrypt itself.
+// Salsa20/8 core operations per second, measured with scrypt itself (warmed up
+// first, the fastest of three short timed stretches), so that the answer
+// depends on the machine and not on the moment or on the process.
 // Returns 0, QVScryptErrClock or QVScryptErrKDF.
 int QVScryptMeasureSpeed(double* opsPerSecond);
 
@@ -58,6 +62,16 @@ struct QVScryptParams {
 // Picks logN, r and p that fit in `memlimit` bytes and about `maxtime`
 // seconds at `opsPerSecond`.
 QVScryptParams QVScryptPickParams(size_t memlimit, double opsPerSecond, double maxtime);
+
+// The environment variable through which qv-image is told the parameters of a
+// new image's token ("<logN> <r> <p>"), for images made many at a time whose
+// tokens must not carry the parameters of a busy machine. Not a secret.
+inline constexpr const char* QVImageScryptParamsVariable = "QV_IMAGE_SCRYPT_PARAMS";
+std::string QVScryptParamsText(const QVScryptParams& params);
+// Parameters read back from that text; nothing unless it is three whole numbers
+// that a container can be made with (logN 1 to 63, r and p at least 1, r * p
+// below 2^30).
+std::optional<QVScryptParams> QVScryptParamsFromText(const std::string& text);
 
 // The parameters fresh containers use while the test switch is on.
 inline constexpr QVScryptParams QVScryptCheapParams{10, 8, 1};

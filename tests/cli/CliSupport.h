@@ -2,6 +2,10 @@
 // One user's world for running qv as that user would: a home under an image
 // sandbox (which tears down whatever is left mounted or running), the XDG
 // variables pointing into it, the set password given on standard input.
+// Unless asked for, the database upgrade (fake sets and images) is switched off
+// in the user's settings, so that tests of other commands don't pay for it.
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -17,13 +21,17 @@ struct QvUser {
     std::map<std::string, std::string> env;
     std::string password;
 
-    QvUser(const ImageSandbox& sandbox, const std::string& name, std::string setPassword)
+    QvUser(const ImageSandbox& sandbox, const std::string& name, std::string setPassword, bool upgrades = false)
         : home(sandbox.makeDir(name + "/home")), password(std::move(setPassword)) {
         env = {{"HOME", home},
                {"XDG_DATA_HOME", home + "/.local/share"},
                {"XDG_CONFIG_HOME", home + "/.config"},
                {"XDG_RUNTIME_DIR", sandbox.runtimeDir()},
                {"QV_IMAGE_LAYER", "fuse2fs"}};
+        if (!upgrades) {
+            std::filesystem::create_directories(home + "/.config/Quillvane");
+            std::ofstream(home + "/.config/Quillvane/Quillvane.conf") << "[General]\nskipmigrationTov3=true\n";
+        }
     }
     std::string data() const { return home + "/.local/share/com.marrowfen.Quillvane3"; }
     static std::string binary() { return std::string(QV_BINARY_DIR) + "/src/qv"; }

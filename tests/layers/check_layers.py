@@ -23,7 +23,8 @@ LAYERS = {
     "disk": ["toolkit", "sys", "vault", "notify"],
     "tasks": ["toolkit", "sys", "vault", "notify", "disk"],
     "automation": ["toolkit", "sys", "vault", "notify", "disk", "tasks"],
-    "app": ["toolkit", "sys", "vault", "notify", "disk", "tasks", "automation"],
+    "deniability": ["toolkit", "sys", "vault", "notify", "disk", "tasks"],
+    "app": ["toolkit", "sys", "vault", "notify", "disk", "tasks", "automation", "deniability"],
     # The disk-image utility is a program of its own beside the core.
     "image": ["toolkit", "sys", "vault"],
 }
