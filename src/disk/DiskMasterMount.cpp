@@ -379,7 +379,8 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
     const std::string mount = mountpoint.empty() ? parts.mountpoint : mountpoint;
     const std::string name = QVLastPathComponent(parts.mountpoint.empty() ? mount : parts.mountpoint);
     struct stat st;
-    if (mount.empty() || ::lstat(mount.c_str(), &st) != 0) {
+    // A volume whose server died can't be examined, but must be detached all the same.
+    if (mount.empty() || (::lstat(mount.c_str(), &st) != 0 && errno != ENOTCONN && errno != EIO)) {
         const int err = mount.empty() ? ENOENT : errno;
         QV_LOG_FAILED("!lstat(mount)");
         QVSetError(error, QVPOSIXErrorDomain, err,

@@ -1,0 +1,94 @@
+// What a user finds after the processes behind an unlocked folder died (a
+// crash, an out-of-memory kill): `qv status` calls the folder damaged, and
+// `qv unlock` takes the dead volume away and mounts the image again, every
+// file there as last written.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "cli/CliSupport.h"
+
+namespace fs = std::filesystem;
+using namespace qv::test;
+
+namespace {
+
+std::string stateOf(const std::string& status, const std::string& path) {
+    std::istringstream lines(status);
+    for (std::string line; std::getline(lines, line);)
+        if (line.size() > path.size() &&
+            line.compare(line.size() - path.size() - 1, std::string::npos, "\t" + path) == 0)
+            return line.substr(0, line.find('\t'));
+    return "<none>";
+}
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The process that serves the disk of the volume on `mountpoint`: the one
+// qv-image left running by its attach.
+pid_t devicePidOf(const std::string& mountpoint) {
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string cmdline = contents(entry.path().string() + "/cmdline");
+        std::vector<std::string> argv;
+        for (size_t at = 0; at < cmdline.size();) {
+            const size_t end = cmdline.find('\0', at);
+            argv.push_back(cmdline.substr(at, end - at));
+            at = end == std::string::npos ? cmdline.size() : end + 1;
+        }
+        if (argv.size() > 1 && argv[0].ends_with("/qv-image") && argv[1] == "attach" &&
+            std::find(argv.begin(), argv.end(), mountpoint) != argv.end())
+            return pid_t(std::stol(name));
+    }
+    return -1;
+}
+
+} // namespace
+
+TEST(QvRecovery, UnlockingADamagedFolderRepairsIt) {
+    ImageSandbox sandbox;
+    QvUser user(sandbox, "damaged", "damaged set");
+    const std::string folder = user.home + "/Notes";
+    fs::create_directories(folder);
+    std::ofstream(folder + "/kept.txt") << "kept";
+    ASSERT_EQ(user.qv({"set", "create"}).exitCode, 0);
+    auto r = user.qv({"encrypt", folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ASSERT_EQ(user.qv({"unlock", folder}).exitCode, 0);
+    std::ofstream(folder + "/written.txt") << "written while unlocked";
+    ASSERT_EQ(user.qv({"lock", folder}).exitCode, 0);
+    ASSERT_EQ(user.qv({"unlock", folder}).exitCode, 0);
+
+    // The process serving the disk dies; the volume stays mounted on a dead disk.
+    const pid_t device = devicePidOf(folder);
+    ASSERT_GT(device, 0);
+    ASSERT_EQ(::kill(device, SIGKILL), 0);
+    for (int i = 0; i < 100 && ::kill(device, 0) == 0; ++i) ::usleep(20000);
+
+    EXPECT_EQ(stateOf(user.qv({"status"}).out, folder), "damaged");
+    r = user.qv({"unlock", folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "unlocked\t" + folder + "\n");
+    EXPECT_EQ(contents(folder + "/kept.txt"), "kept");
+    EXPECT_EQ(contents(folder + "/written.txt"), "written while unlocked");
+    EXPECT_EQ(stateOf(user.qv({"status"}).out, folder), "unlocked");
+
+    // Every process behind the volume dies ("Transport endpoint is not
+    // connected"); such a volume also locks.
+    ASSERT_GT(sandbox.killImageProcesses(), 0u);
+    EXPECT_EQ(stateOf(user.qv({"status"}).out, folder), "damaged");
+    r = user.qv({"lock", folder});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(stateOf(user.qv({"status"}).out, folder), "locked");
+    EXPECT_TRUE(fs::is_directory(folder) && fs::is_empty(folder));
+}
