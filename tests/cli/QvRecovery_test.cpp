@@ -1,7 +1,8 @@
 // What a user finds after the processes behind an unlocked folder died (a
 // crash, an out-of-memory kill): `qv status` calls the folder damaged, and
 // `qv unlock` takes the dead volume away and mounts the image again, every
-// file there as last written.
+// file there as last written. Nor is anything ever mounted over files that
+// reached a locked folder.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -91,4 +92,17 @@ TEST(QvRecovery, UnlockingADamagedFolderRepairsIt) {
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(stateOf(user.qv({"status"}).out, folder), "locked");
     EXPECT_TRUE(fs::is_directory(folder) && fs::is_empty(folder));
+
+    // Files that reached the locked folder anyway are never hidden under the volume.
+    std::ofstream(folder + "/stray.txt") << "stray";
+    r = user.qv({"unlock", folder});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.out, "locked\t" + folder + "\n");
+    EXPECT_NE(r.err.find("'Notes' holds files although it is locked"), std::string::npos) << r.err;
+    EXPECT_EQ(contents(folder + "/stray.txt"), "stray");
+    fs::remove(folder + "/stray.txt");
+    r = user.qv({"unlock", folder});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(contents(folder + "/kept.txt"), "kept");
+    EXPECT_EQ(user.qv({"lock", folder}).exitCode, 0);
 }
