@@ -3,9 +3,12 @@
 #include <filesystem>
 
 #include "app/OldDataMigration.h"
-#include "vault/UserDefaults.h"
-#include "vault/Locations.h"
+#include "disk/StorageLocations.h"
+#include "disk/TempLeftovers.h"
 #include "toolkit/Log.h"
+#include "vault/Locations.h"
+#include "vault/Schemas.h"
+#include "vault/UserDefaults.h"
 
 namespace qv {
 
@@ -36,6 +39,8 @@ QVLaunchResult QVOpenMasterDatabaseAtLaunch(QVError* error) {
         return result;
     }
     result.master = master;
+    // What dead processes left in the default storage's Temp goes before any task runs.
+    if (result.databaseExisted) QVCleanTempLeftovers(StorageRef{QVStorageDefault()}.url().toURLPath() + "/Temp");
     return result;
 }
 

@@ -106,3 +106,31 @@ TEST(QvRecovery, UnlockingADamagedFolderRepairsIt) {
     EXPECT_EQ(contents(folder + "/kept.txt"), "kept");
     EXPECT_EQ(user.qv({"lock", folder}).exitCode, 0);
 }
+
+// A crash in the middle of a task leaves its temporary mount point in Temp,
+// still mounted on a volume that died with it; the next start of qv takes it
+// away, with empty directories left long ago, and leaves a directory that a
+// running task may just have made.
+TEST(QvRecovery, TheNextStartCleansWhatDeadProcessesLeftInTemp) {
+    ImageSandbox sandbox;
+    QvUser user(sandbox, "leftovers", "leftover set");
+    ASSERT_EQ(user.qv({"set", "create"}).exitCode, 0);
+    const std::string temp = user.data() + "/Data/Temp";
+    fs::create_directories(temp + "/old empty");
+    fs::create_directories(temp + "/fresh empty");
+    const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+    fs::last_write_time(temp + "/old empty", longAgo);
+    const std::string image = sandbox.createOrFail("left.sparsebundle", "image secret", 32);
+    const std::string mnt = temp + "/AbCdEfGhIj";
+    fs::create_directories(mnt);
+    ASSERT_EQ(sandbox.attach(image, mnt, "image secret").exitCode, 0);
+    ASSERT_GT(sandbox.killImageProcesses(), 0u);
+
+    ASSERT_EQ(user.qv({"set", "check"}).exitCode, 0);
+    bool mounted = false;
+    for (const auto& m : mountTable()) mounted = mounted || m.mountPoint == mnt;
+    EXPECT_FALSE(mounted) << "the dead volume is taken away";
+    EXPECT_FALSE(fs::exists(fs::symlink_status(mnt))) << "with its mount point";
+    EXPECT_FALSE(fs::exists(temp + "/old empty"));
+    EXPECT_TRUE(fs::is_directory(temp + "/fresh empty")) << "a running task may have just made it";
+}
