@@ -9,6 +9,7 @@
 #include "app/FolderList.h"
 #include "disk/DiskMaster.h"
 #include "disk/FileSystemVolumes.h"
+#include "disk/MountpointMode.h"
 #include "disk/StorageLocations.h"
 #include "tasks/EncryptFolderTask.h"
 #include "toolkit/Log.h"
@@ -110,6 +111,7 @@ UnfinishedEncryption QVSettleUnfinishedEncryption(const QVRecordRef& face, QVErr
     removeImage(tempImage, nullptr);
     if (!storageDir.empty()) EncryptFolderTask::removeTempFolder(storageDir + "/Temp");
     QVLogInfo(QVFormat("finishing the encryption of '%s'", path.c_str()));
+    QVTakeMountpointWriteAccess(folder);
     f.setEncrypted(Value(true));
     QVError saveError;
     if (!subdb->save(&saveError)) {

@@ -3,8 +3,11 @@
 // `qv unlock` takes the dead volume away and mounts the image again, every
 // file there as last written. Nor is anything ever mounted over files that
 // reached a locked folder.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -133,4 +136,55 @@ TEST(QvRecovery, TheNextStartCleansWhatDeadProcessesLeftInTemp) {
     EXPECT_FALSE(fs::exists(fs::symlink_status(mnt))) << "with its mount point";
     EXPECT_FALSE(fs::exists(temp + "/old empty"));
     EXPECT_TRUE(fs::is_directory(temp + "/fresh empty")) << "a running task may have just made it";
+}
+
+namespace {
+
+// Whether a process of the unprivileged user "nobody" can create a file in `dir`.
+bool nobodyCanWriteInto(const std::string& dir) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+        const int fd = ::open((dir + "/planted.txt").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+        ::_exit(fd >= 0 ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+mode_t modeOf(const std::string& path) {
+    struct stat st {};
+    ::stat(path.c_str(), &st);
+    return st.st_mode & 07777;
+}
+
+} // namespace
+
+// A locked folder is read-only for everyone, so nothing saves plaintext into
+// it; its own mode comes back for each mount and goes again after each lock.
+TEST(QvRecovery, ALockedFolderTakesNoFiles) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to write as another user";
+    ImageSandbox sandbox;
+    QvUser user(sandbox, "readonly", "read-only set");
+    const std::string folder = user.home + "/Shared";
+    fs::create_directories(folder);
+    std::ofstream(folder + "/inside.txt") << "inside";
+    // The sandbox's own directories let the other user through.
+    for (fs::path p = user.home; p.string().rfind(sandbox.root(), 0) == 0; p = p.parent_path())
+        ::chmod(p.c_str(), 0755);
+    ::chmod(folder.c_str(), 0777);
+    ASSERT_TRUE(nobodyCanWriteInto(folder)) << "anyone may write into the folder as it was";
+    fs::remove(folder + "/planted.txt");
+    ASSERT_EQ(user.qv({"set", "create"}).exitCode, 0);
+    auto r = user.qv({"encrypt", folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+
+    EXPECT_EQ(modeOf(folder), 0555u);
+    EXPECT_FALSE(nobodyCanWriteInto(folder)) << "nobody writes into a locked folder";
+    ASSERT_EQ(user.qv({"unlock", folder}).exitCode, 0);
+    EXPECT_EQ(contents(folder + "/inside.txt"), "inside");
+    ASSERT_EQ(user.qv({"lock", folder}).exitCode, 0);
+    EXPECT_EQ(modeOf(folder), 0555u) << "read-only again after the lock";
+    EXPECT_TRUE(fs::is_empty(folder));
 }
