@@ -5,8 +5,11 @@
 #include "app/DatabaseUpgrade.h"
 #include "app/OldDataMigration.h"
 #include "deniability/MigrationTask.h"
+#include "disk/StorageLocations.h"
+#include "disk/TempLeftovers.h"
 #include "toolkit/Log.h"
 #include "vault/Locations.h"
+#include "vault/Schemas.h"
 #include "vault/UserDefaults.h"
 
 namespace qv {
@@ -40,6 +43,8 @@ QVLaunchResult QVOpenMasterDatabaseAtLaunch(QVError* error) {
     result.needsUpgrade = result.databaseExisted && MigrationTask::needsMigration(master);
     QVCleanUpInterruptedUpgrade(master, result.needsUpgrade);
     result.master = master;
+    // What dead processes left in the default storage's Temp goes before any task runs.
+    if (result.databaseExisted) QVCleanTempLeftovers(StorageRef{QVStorageDefault()}.url().toURLPath() + "/Temp");
     return result;
 }
 

@@ -2,13 +2,14 @@
 // the same tasks on the same queue as in the desktop application.
 #include <cstdio>
 
-#include "app/FolderTaskMark.h"
-#include "cli/Cli.h"
-#include "cli/FolderSession.h"
 #include "app/FolderIntake.h"
 #include "app/FolderList.h"
-#include "vault/DBSubdb.h"
+#include "app/FolderTaskMark.h"
+#include "app/InterruptedWork.h"
+#include "cli/Cli.h"
+#include "cli/FolderSession.h"
 #include "disk/FolderState.h"
+#include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 
 namespace qv::cli {
@@ -38,6 +39,24 @@ int cmdEncrypt(const std::vector<std::string>& args) {
     for (const auto& arg : args) {
         const std::string path = FolderSession::absolutePath(arg);
         QVError error;
+        // A folder whose encryption a dead process left unfinished is settled
+        // first: finished, or cleared to be encrypted afresh.
+        if (QVRecordRef face = session.faceForPath(path); face && QVIsUnfinishedEncryption(face)) {
+            if (!session.claim(folderOf(face))) {
+                result = ExitRefused;
+                continue;
+            }
+            const UnfinishedEncryption settled = QVSettleUnfinishedEncryption(face, &error);
+            if (settled == UnfinishedEncryption::Failed) {
+                complain("'" + path + "': " + error.description);
+                result = ExitFailure;
+                continue;
+            }
+            if (settled == UnfinishedEncryption::Completed) {
+                std::printf("encrypted\t%s\n", path.c_str());
+                continue;
+            }
+        }
         if (!isGoodFolderAtURL(path, &error)) {
             if (!error.empty()) complain("'" + path + "': " + error.description);
             result = ExitRefused;
@@ -97,12 +116,28 @@ int lockOrUnlock(const std::vector<std::string>& args, bool unlock) {
             result = ExitRefused;
             continue;
         }
+        bool claimed = false;
+        if (QVFolderIsDamaged(face)) {
+            // The dead volume goes first: locking is then done, and unlocking
+            // mounts the image afresh.
+            if (!session.claim(folderOf(face))) {
+                result = ExitRefused;
+                continue;
+            }
+            claimed = true;
+            QVError error;
+            if (!QVTakeAwayDeadVolume(face, &error)) {
+                complain("'" + FolderSession::absolutePath(arg) + "': " + error.description);
+                result = ExitFailure;
+                continue;
+            }
+        }
         const bool unlocked = QVFolderIsUnlocked(folderOf(face), nullptr);
         if (unlocked == unlock) {
             std::printf("%s\t%s\n", unlocked ? "unlocked" : "locked", FolderSession::absolutePath(arg).c_str());
             continue;
         }
-        if (!session.claim(folderOf(face))) {
+        if (!claimed && !session.claim(folderOf(face))) {
             result = ExitRefused;
             continue;
         }
@@ -138,9 +173,11 @@ int cmdStatus(const std::vector<std::string>& args) {
         FolderFaceRef ff{face};
         FolderRef folder{folderOf(face)};
         const std::string status = ff.statusText().toString();
-        const char* state = QVIsErrorStatusColor(ff.statusColor()) ? "missing"
-                            : ff.locked().toBool()                          ? "locked"
-                                                                             : "unlocked";
+        // A dead volume can't be examined, so its folder also shows as missing.
+        const char* state = QVFolderIsDamaged(face)                  ? "damaged"
+                            : QVIsErrorStatusColor(ff.statusColor()) ? "missing"
+                            : ff.locked().toBool()                   ? "locked"
+                                                                     : "unlocked";
         const char* task = FolderTaskMark::isHeld(folder.uuid().toString()) ? "busy"
                            : !folder.encrypted().toBool()                    ? "unfinished"
                                                                              : "-";

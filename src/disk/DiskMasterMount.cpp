@@ -14,6 +14,7 @@
 #include "disk/DiskMaster.h"
 #include "disk/DiskMasterSupport.h"
 #include "disk/FileSystemVolumes.h"
+#include "disk/MountpointMode.h"
 #include "disk/ProcessRunner.h"
 #include "disk/URLHelpers.h"
 #include "sys/LoopDevices.h"
@@ -21,9 +22,11 @@
 #include "sys/ProcList.h"
 #include "sys/SystemPrograms.h"
 #include "toolkit/Log.h"
+#include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
-#include "vault/PropertyList.h"
+#include "vault/DBSubdb.h"
 #include "vault/FacePresentation.h"
+#include "vault/PropertyList.h"
 #include "vault/Schemas.h"
 
 namespace qv {
@@ -31,6 +34,18 @@ namespace qv {
 using namespace diskmaster;
 
 namespace {
+
+// A folder record changed by a detach reaches the disk with its Folder Set,
+// which only the main thread saves.
+void saveSetOf(const QVRecordRef& folder) {
+    performBlockOnMainThread(
+        [folder] {
+            QVError error;
+            if (DBSubdbRef subdb = QVRecordGetSubdb(folder); subdb && !subdb->save(&error))
+                QV_LOG_WARN("couldn't save the Folder Set: " + error.description);
+        },
+        true);
+}
 
 // e2label lives in /usr/sbin on merged systems and in /sbin on older ones.
 std::string e2labelPath() {
@@ -289,9 +304,13 @@ bool DiskMaster::hdiutilMountDiskForFolderFace(const QVRecordRef& face, bool sil
     ImagePassword password(face, parts.folder);
     if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
     QVError runError;
+    // The folder's own path is read-only while locked; the mount needs write access to it.
+    const bool ownPath = mount == parts.mountpoint;
+    if (ownPath) QVGiveMountpointWriteAccess(parts.folder);
     if (password.fill(&runError))
         runImageTool(attachArgumentsForImage(parts.imagePath, mount, silently), password.bytes(), &runError);
     if (!runError.empty()) {
+        if (ownPath) QVTakeMountpointWriteAccess(parts.folder);
         const std::string why = trimmedMessage(runError.description);
         QV_LOG_ERROR(QVFormat("failed to attach %s. Error: %s", parts.imagePath.c_str(), why.c_str()));
         QVSetAppError(error, runError.code, "Failed to mount disk image, error:\n" + why);
@@ -379,7 +398,8 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
     const std::string mount = mountpoint.empty() ? parts.mountpoint : mountpoint;
     const std::string name = QVLastPathComponent(parts.mountpoint.empty() ? mount : parts.mountpoint);
     struct stat st;
-    if (mount.empty() || ::lstat(mount.c_str(), &st) != 0) {
+    // A volume whose server died can't be examined, but must be detached all the same.
+    if (mount.empty() || (::lstat(mount.c_str(), &st) != 0 && errno != ENOTCONN && errno != EIO)) {
         const int err = mount.empty() ? ENOENT : errno;
         QV_LOG_FAILED("!lstat(mount)");
         QVSetError(error, QVPOSIXErrorDomain, err,
@@ -410,6 +430,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
         }
     }
     if (runError.empty()) {
+        if (mount == parts.mountpoint && QVTakeMountpointWriteAccess(parts.folder)) saveSetOf(parts.folder);
         presentFolderFace(face, {.locked = true}, true);
         return true;
     }

@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -68,6 +69,32 @@ bool isVolumeAtURL(const std::string& path, QVError* error) {
     char buffer[PATH_MAX];
     if (!::realpath(path.c_str(), buffer)) return failed(errno);
     return isMountPointInTable(buffer);
+}
+
+bool isDeadVolumeAtURL(const std::string& path) {
+    if (path.empty()) return false;
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) {
+        if (errno != ENOTCONN && errno != EIO) return false;
+        auto resolved = resolveParentKeepName(path);
+        return resolved && isMountPointInTable(*resolved);
+    }
+    if (!S_ISDIR(st.st_mode) || !isVolumeAtURL(path, nullptr)) return false;
+    // A volume served from a disk file whose own server died: the file system
+    // on top may still answer from its caches, but every read of the disk fails.
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer)) {
+        if (auto m = QVMountAt(buffer); m && m->source.rfind('/', 0) == 0) {
+            struct stat disk;
+            if (::stat(m->source.c_str(), &disk) != 0 && (errno == ENOTCONN || errno == EIO)) return true;
+        }
+    }
+    // The root's own attributes may come from a cache; its entries come from the disk.
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) return errno == ENOTCONN || errno == EIO;
+    char entries[4096];
+    const long n = ::syscall(SYS_getdents64, fd.get(), entries, sizeof entries);
+    return n < 0 && (errno == ENOTCONN || errno == EIO);
 }
 
 bool isVolumeAtPath(const std::string& path) {

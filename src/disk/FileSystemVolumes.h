@@ -21,6 +21,12 @@ namespace qv {
 // (ENOTCONN) still counts as mounted, since it must still be detached.
 bool isVolumeAtURL(const std::string& path, QVError* error);
 
+// A mounted volume at `path` whose file system no longer answers: its server
+// died ("Transport endpoint is not connected"), or its root can't be read for
+// an I/O error (the process serving the disk beneath it died). Such a volume
+// must be taken away before anything can be mounted there again.
+bool isDeadVolumeAtURL(const std::string& path);
+
 // The same test after resolving every symbolic link of the path; a path that
 // can't be resolved logs a warning and is no volume.
 bool isVolumeAtPath(const std::string& path);

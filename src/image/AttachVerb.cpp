@@ -143,6 +143,11 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     Attachment a;
     a.image = image.path();
     a.layer = ctx.layer == Layer::Kernel ? "kernel" : "fuse2fs";
+    // Attachments whose device process died go first: a volume of this image
+    // left dead on the mount point would otherwise refuse the mount.
+    std::string base;
+    if (!runtimeBase(&base, error)) return exitStatusOf(error);
+    sweepStaleAttachments(base);
     if (!nomount) {
         if (!checkMountPoint(*mountPoint, &a.mountPoint, error)) return exitStatusOf(error);
         if (ctx.layer == Layer::Kernel && ::geteuid() != 0)
@@ -152,9 +157,6 @@ int runAttach(const std::vector<std::string>& words, const VerbContext& ctx, QVE
     if (!image.unwrapKey(password, &key, error)) return exitStatusOf(error);
     password.clear();
 
-    std::string base;
-    if (!runtimeBase(&base, error)) return exitStatusOf(error);
-    sweepStaleAttachments(base);
     UniqueFd lock;
     if (!makeAttachmentDir(base, &a.dir, &lock, error)) return exitStatusOf(error);
     a.devEntry = devEntryOf(a.dir);

@@ -18,6 +18,7 @@
 #include "sys/LoopDevices.h"
 #include "sys/MountTable.h"
 #include "toolkit/Log.h"
+#include "toolkit/PathText.h"
 
 namespace qv::image {
 
@@ -56,6 +57,16 @@ std::string busyMessage(const std::string& what, const std::optional<Holder>& ho
     return QVFormat("%s is busy: held by %s (pid %d)", what.c_str(), holder->name.c_str(), int(holder->pid));
 }
 
+// The target made absolute with every link resolved. The mount point of a
+// volume whose server died can't be examined itself, only its parent can.
+std::optional<std::string> resolveTarget(const std::string& given) {
+    char buffer[PATH_MAX];
+    if (::realpath(given.c_str(), buffer)) return std::string(buffer);
+    if (errno != ENOTCONN && errno != EIO) return std::nullopt;
+    if (!::realpath(QVParentPath(given).c_str(), buffer)) return std::nullopt;
+    return QVPathByAppendingComponent(buffer, QVLastPathComponent(given));
+}
+
 bool looksBusy(const ProgramResult& r) {
     return r.err.find("busy") != std::string::npos || r.out.find("busy") != std::string::npos;
 }
@@ -66,15 +77,17 @@ int runDetach(const std::vector<std::string>& words, const VerbContext&, QVError
     ParsedArguments args;
     if (!parseArguments(words, {"-force"}, {}, &args, error)) return exitStatusOf(error);
     const bool force = args.has("-force");
-    char resolved[PATH_MAX];
-    if (!::realpath(args.positional.c_str(), resolved))
-        return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
-    const std::string target = resolved;
+    const std::optional<std::string> resolved = resolveTarget(args.positional);
+    if (!resolved) return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
+    const std::string target = *resolved;
     std::string base;
     if (!runtimeBase(&base, error)) return exitStatusOf(error);
     auto found = findAttachment(target, base);
     if (!found) return refuse(error, QVImageExitFailure, "'" + args.positional + "' is not an attached image");
     Attachment a = *found;
+    // A volume whose device process died only answers errors: nobody's work can
+    // be saved on it, so it goes whoever holds it.
+    if (sweepIfDead(a.dir)) return QVImageExitOK;
     const FlushPause pause(a.dir);
     std::set<pid_t> ours{a.devicePid};
     if (a.fsPid > 0) ours.insert(a.fsPid);

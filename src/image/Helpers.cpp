@@ -149,34 +149,36 @@ void removeAttachmentDir(const std::string& dir) {
     ::rmdir(dir.c_str());
 }
 
-void sweepStaleAttachments(const std::string& base) {
-    for (const auto& dir : attachmentDirs(base)) {
-        const UniqueFd lock(::open(lockFileOf(dir).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-        if (!lock) {
-            // A directory without its lock is being set up, or was left half-made:
-            // only an old one is swept.
-            struct stat st {};
-            if (::stat(dir.c_str(), &st) == 0 && ::time(nullptr) - st.st_mtime > 120) removeAttachmentDir(dir);
-            continue;
-        }
-        const bool alive = ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0;
-        if (!alive) {
-            // The device process died without cleaning up: its volume, if still
-            // mounted, can only give I/O errors now.
-            if (auto a = readAttachment(dir)) {
-                if (!a->mountPoint.empty()) {
-                    if (auto m = QVMountAt(a->mountPoint)) {
-                        const bool ours = m->source == a->devEntry ||
-                                          (!a->loopDevice.empty() && m->source == a->loopDevice);
-                        if (ours) lazyUnmount(a->mountPoint, m->fsType.rfind("fuse", 0) == 0);
-                    }
-                }
-                if (!a->loopDevice.empty() && QVLoopBackingFile(a->loopDevice) == a->devEntry && ::geteuid() == 0)
-                    runProgram(kLosetup, {"-d", a->loopDevice});
-            }
-            removeAttachmentDir(dir);
-        }
+bool sweepIfDead(const std::string& dir) {
+    const UniqueFd lock(::open(lockFileOf(dir).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!lock) {
+        // A directory without its lock is being set up, or was left half-made:
+        // only an old one is swept.
+        struct stat st {};
+        if (::stat(dir.c_str(), &st) != 0 || ::time(nullptr) - st.st_mtime <= 120) return false;
+        removeAttachmentDir(dir);
+        return true;
     }
+    const bool alive = ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0;
+    if (alive) return false;
+    // The device process died without cleaning up: its volume, if still
+    // mounted, can only give I/O errors now.
+    if (auto a = readAttachment(dir)) {
+        if (!a->mountPoint.empty()) {
+            if (auto m = QVMountAt(a->mountPoint)) {
+                const bool ours = m->source == a->devEntry || (!a->loopDevice.empty() && m->source == a->loopDevice);
+                if (ours) lazyUnmount(a->mountPoint, m->fsType.rfind("fuse", 0) == 0);
+            }
+        }
+        if (!a->loopDevice.empty() && QVLoopBackingFile(a->loopDevice) == a->devEntry && ::geteuid() == 0)
+            runProgram(kLosetup, {"-d", a->loopDevice});
+    }
+    removeAttachmentDir(dir);
+    return true;
+}
+
+void sweepStaleAttachments(const std::string& base) {
+    for (const auto& dir : attachmentDirs(base)) sweepIfDead(dir);
 }
 
 } // namespace qv::image

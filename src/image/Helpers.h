@@ -63,6 +63,10 @@ inline std::string flushLockOf(const std::string& attachmentDir) { return attach
 // Removes an attachment directory whose device process is gone: unmounts a
 // dead device mount lazily, then deletes the files and the directory.
 void removeAttachmentDir(const std::string& dir);
+// Takes away the attachment in `dir` when its device process has died (its
+// volume unmounted lazily, whoever holds it) and answers true; false, with
+// nothing changed, while the process lives or the directory is being set up.
+bool sweepIfDead(const std::string& dir);
 // Removes the directories of attachments whose device process has died.
 void sweepStaleAttachments(const std::string& base);
 

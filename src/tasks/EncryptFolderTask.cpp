@@ -9,22 +9,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "vault/UserDefaults.h"
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMaster.h"
 #include "disk/FileSystemVolumes.h"
+#include "disk/MountpointMode.h"
 #include "disk/RenameAt.h"
 #include "disk/StorageLocations.h"
 #include "disk/Trash.h"
+#include "notify/QVNotificationCenter.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
-#include "notify/QVNotificationCenter.h"
-#include "vault/DBSubdb.h"
-#include "vault/QVCrypto.h"
-#include "vault/FacePresentation.h"
-#include "vault/Schemas.h"
 #include "toolkit/PathText.h"
+#include "vault/DBSubdb.h"
+#include "vault/FacePresentation.h"
+#include "vault/QVCrypto.h"
+#include "vault/Schemas.h"
+#include "vault/UserDefaults.h"
 
 namespace qv {
 
@@ -217,6 +218,9 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
 
     // The source to the Trash: on the main thread, while this thread waits.
     bool strayed = false;
+    // The empty folder made in its place keeps its permissions.
+    struct stat sourceStat {};
+    const bool sourceMode = !error && ::stat(mountpointPath.c_str(), &sourceStat) == 0;
     if (!error) {
         auto outcome = std::make_shared<TrashOutcome>();
         performBlockOnMainThread([mountpointPath, outcome] { trashOnMainThread(mountpointPath, outcome); });
@@ -258,6 +262,11 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
                     QV_LOG_WARN(QVFormat("couldn't show '%s': %s", parent.c_str(), revealError.description.c_str()));
             });
             // The image is complete and the user knows what to do: a success.
+        } else {
+            if (sourceMode && ::chmod(mountpointPath.c_str(), sourceStat.st_mode & 07777) != 0)
+                QV_LOG_WARN(QVFormat("couldn't give '%s' its mode: %s", mountpointPath.c_str(), std::strerror(errno)));
+            // Locked from now on: read-only, its own mode kept in the record saved below.
+            QVTakeMountpointWriteAccess(folder);
         }
     }
 

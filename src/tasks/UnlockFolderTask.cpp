@@ -1,5 +1,6 @@
 #include "tasks/UnlockFolderTask.h"
 
+#include <filesystem>
 #include <mutex>
 
 #include "tasks/TaskQueue.h"
@@ -20,6 +21,13 @@
 namespace qv {
 
 namespace {
+
+// Whether the directory at `path` has any entry besides "." and "..".
+bool holdsEntries(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::directory_iterator it(path, ec);
+    return !ec && it != std::filesystem::directory_iterator();
+}
 
 // An ext4 label holds this many bytes.
 constexpr size_t kLabelBytes = 16;
@@ -134,7 +142,14 @@ OperationResult UnlockFolderTask::go(const QVRecordRef& folderFace) {
                 locked = face.locked().toBool();
             },
             true);
-        if (locked) {
+        if (locked && holdsEntries(mountpoint)) {
+            // Files that reached the empty folder while it was locked would be
+            // hidden under the volume, and look lost: nothing is mounted over them.
+            error = QVError{QVAppErrorDomain(), QVErrorUnlockRefused,
+                            QVFormat("'%s' holds files although it is locked. Nothing was mounted over them, so that "
+                                     "none is hidden: move them out of\n\n%s\n\nthen unlock the folder again.",
+                                     name.c_str(), mountpoint.c_str())};
+        } else if (locked) {
             QVError mountError;
             if (!DiskMaster::mountDiskForFolderFace(folderFace, shouldSilent(folder), "", true, &mountError)) {
                 QV_LOG_ERROR(QVFormat("failed to mount '%s': %s", name.c_str(), mountError.description.c_str()));

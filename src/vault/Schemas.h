@@ -14,10 +14,10 @@ namespace qv {
 // threads write them while the interface reads them.
 
 inline constexpr QVSchemaField QVFolderFields[] = {
-    {"uuid", false},       {"storage", false},    {"diskinfo", false},   {"subdb", false},
-    {"mountpoint", false}, {"autounlock", false}, {"encrypted", false},  {"password", false},
-    {"folderSize", false}, {"position", false},   {"autolock", false},   {"lockActions", false},
-    {"unlockActions", false},
+    {"uuid", false},          {"storage", false},        {"diskinfo", false},  {"subdb", false},
+    {"mountpoint", false},    {"autounlock", false},     {"encrypted", false}, {"password", false},
+    {"folderSize", false},    {"position", false},       {"autolock", false},  {"lockActions", false},
+    {"unlockActions", false}, {"mountpointMode", false},
 };
 inline constexpr QVSchemaField QVFolderFaceFields[] = {
     {"folder", false},          {"subdb", false},           {"locked", true},
@@ -70,6 +70,9 @@ struct FolderRef {
     QV_RECORD_FIELD(autolock, Autolock)
     QV_RECORD_FIELD(lockActions, LockActions)
     QV_RECORD_FIELD(unlockActions, UnlockActions)
+    // The folder's own permission bits, kept while it is made read-only between
+    // mounts; null while it never was.
+    QV_RECORD_FIELD(mountpointMode, MountpointMode)
 };
 
 struct FolderFaceRef {

@@ -232,3 +232,52 @@ TEST_F(QvEncrypt, CtrlCCancelsTheCopyAndLeavesTheFolderAsItWas) {
     EXPECT_EQ(w.images(), std::vector<std::string>{}) << "no image left behind";
     EXPECT_EQ(w.qv({"folders"}).out, "") << "no record left in the set";
 }
+
+// A user whose encryption died with the process runs `qv encrypt` again: the
+// folder that `qv status` calls unfinished is encrypted in the end, from the
+// untouched original or by finishing what the image already holds, and no
+// half-made image stays behind.
+TEST_F(QvEncrypt, EncryptingAnUnfinishedFolderAgainFinishesIt) {
+    int unfinished = 0, worlds = 0;
+    for (const char* moment : {"creating", "image in place", "in the Trash"}) {
+        SCOPED_TRACE(moment);
+        World w(sandbox, "again-" + std::to_string(++worlds));
+        const std::string before = reference(w);
+        const pid_t pid = w.startEncrypt(nullptr);
+        ASSERT_GT(pid, 0);
+        // Waits for the moment, then kills the process there.
+        const std::string what = moment;
+        for (int i = 0; i < 60000; ++i) {
+            if (::waitpid(pid, nullptr, WNOHANG) == pid) break;
+            const bool reached = what == "creating"         ? listDirectory(w.data() + "/Data/Temp").size() >= 2
+                                 : what == "image in place" ? !w.images().empty()
+                                                            : fs::exists(w.trashed());
+            if (reached) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        sandbox.killImageProcesses();
+        for (const auto& m : mountTable())
+            if (m.mountPoint.rfind(sandbox.root() + "/", 0) == 0) lazyUnmount(m.mountPoint);
+
+        auto r = w.qv({"status"});
+        if (r.out.find("\tunfinished\t" + w.folder + "\n") == std::string::npos) continue; // died before or after
+        ++unfinished;
+        r = w.qv({"encrypt", w.folder});
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_EQ(r.out, "encrypted\t" + w.folder + "\n");
+        EXPECT_TRUE(fs::is_directory(w.folder) && fs::is_empty(w.folder));
+        EXPECT_EQ(compareTrees(before, w.trashed()), std::vector<std::string>{}) << "the original, whole, in the Trash";
+        EXPECT_EQ(w.images().size(), 1u) << "one image, the half-made one gone";
+        EXPECT_EQ(imageDifferences(w, before), std::vector<std::string>{});
+        auto temp =
+            fs::exists(w.data() + "/Data/Temp") ? listDirectory(w.data() + "/Data/Temp") : std::vector<std::string>{};
+        std::erase_if(temp, [](const std::string& n) { return !n.ends_with(".sparsebundle"); });
+        EXPECT_EQ(temp, std::vector<std::string>{}) << "no image left in Temp";
+        r = w.qv({"status"});
+        EXPECT_NE(r.out.find("\t-\t" + w.folder + "\n"), std::string::npos) << r.out;
+        EXPECT_EQ(w.qv({"folders"}).out, w.folder + "\n") << "one record";
+    }
+    EXPECT_GE(unfinished, 1) << "no kill left an unfinished folder";
+}
