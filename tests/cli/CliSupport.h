@@ -8,6 +8,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,5 +43,14 @@ struct QvUser {
         return runProcess(argv, input.value_or(password + "\n"), env);
     }
 };
+
+// The first field of the status line (`qv status`) of the folder at `path`.
+inline std::string stateOf(const std::string& status, const std::string& path) {
+    std::istringstream lines(status);
+    for (std::string line; std::getline(lines, line);)
+        if (line.size() > path.size() && line.compare(line.size() - path.size() - 1, std::string::npos, "\t" + path) == 0)
+            return line.substr(0, line.find('\t'));
+    return "<none>";
+}
 
 } // namespace qv::test

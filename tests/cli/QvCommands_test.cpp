@@ -15,19 +15,6 @@
 namespace fs = std::filesystem;
 using namespace qv::test;
 
-namespace {
-
-// The first field of the status line of the folder at `path`.
-std::string stateOf(const std::string& status, const std::string& path) {
-    std::istringstream lines(status);
-    for (std::string line; std::getline(lines, line);)
-        if (line.size() > path.size() && line.compare(line.size() - path.size() - 1, std::string::npos, "\t" + path) == 0)
-            return line.substr(0, line.find('\t'));
-    return "<none>";
-}
-
-} // namespace
-
 TEST(QvSet, CreateCheckFoldersAndChangeTheSetPassword) {
     ImageSandbox sandbox;
     QvUser user(sandbox, "set", "first secret");

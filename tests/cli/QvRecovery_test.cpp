@@ -23,15 +23,6 @@ using namespace qv::test;
 
 namespace {
 
-std::string stateOf(const std::string& status, const std::string& path) {
-    std::istringstream lines(status);
-    for (std::string line; std::getline(lines, line);)
-        if (line.size() > path.size() &&
-            line.compare(line.size() - path.size() - 1, std::string::npos, "\t" + path) == 0)
-            return line.substr(0, line.find('\t'));
-    return "<none>";
-}
-
 std::string contents(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
