@@ -47,6 +47,17 @@ void saveSetOf(const QVRecordRef& folder) {
         true);
 }
 
+// Whether `mount` is the folder's own path. While an image is being made, the
+// folder's mountpoint is a temporary mount in its storage's Temp (the folder
+// itself stays where it is): that directory is never made read-only, and its
+// unmount is no reason to save the set in the middle of that work.
+bool isOwnFolderPath(const diskmaster::FaceParts& parts, const std::string& mount) {
+    if (mount != parts.mountpoint) return false;
+    if (!parts.storage) return true;
+    const std::string temp = QVTrimmedPath(StorageRef{parts.storage}.url().toURLPath()) + "/Temp/";
+    return mount.rfind(temp, 0) != 0;
+}
+
 // e2label lives in /usr/sbin on merged systems and in /sbin on older ones.
 std::string e2labelPath() {
     for (const char* candidate : {"/usr/sbin/e2label", "/sbin/e2label"})
@@ -305,7 +316,7 @@ bool DiskMaster::hdiutilMountDiskForFolderFace(const QVRecordRef& face, bool sil
     if (updateUI) presentFolderFace(face, {.indeterminate = true, .status = std::string("Mounting disk image...")});
     QVError runError;
     // The folder's own path is read-only while locked; the mount needs write access to it.
-    const bool ownPath = mount == parts.mountpoint;
+    const bool ownPath = isOwnFolderPath(parts, mount);
     if (ownPath) QVGiveMountpointWriteAccess(parts.folder);
     if (password.fill(&runError))
         runImageTool(attachArgumentsForImage(parts.imagePath, mount, silently), password.bytes(), &runError);
@@ -430,7 +441,7 @@ bool DiskMaster::unmountDiskForFolderFace(const QVRecordRef& face, const std::st
         }
     }
     if (runError.empty()) {
-        if (mount == parts.mountpoint && QVTakeMountpointWriteAccess(parts.folder)) saveSetOf(parts.folder);
+        if (isOwnFolderPath(parts, mount) && QVTakeMountpointWriteAccess(parts.folder)) saveSetOf(parts.folder);
         presentFolderFace(face, {.locked = true}, true);
         return true;
     }
