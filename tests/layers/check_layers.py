@@ -25,6 +25,8 @@ LAYERS = {
     "automation": ["toolkit", "sys", "vault", "notify", "disk", "tasks"],
     "deniability": ["toolkit", "sys", "vault", "notify", "disk", "tasks"],
     "app": ["toolkit", "sys", "vault", "notify", "disk", "tasks", "automation", "deniability"],
+    # The desktop application's screens, over everything.
+    "ui": ["toolkit", "sys", "vault", "notify", "disk", "tasks", "automation", "deniability", "app"],
     # The disk-image utility is a program of its own beside the core.
     "image": ["toolkit", "sys", "vault"],
 }
@@ -32,8 +34,11 @@ LAYERS = {
 
 def any_header(src, layer):
     folder = os.path.join(src, "src", layer)
-    headers = sorted(h for h in os.listdir(folder) if h.endswith(".h")) if os.path.isdir(folder) else []
-    return f"{layer}/{headers[0]}" if headers else None
+    headers = []
+    for root, _, files in os.walk(folder):
+        rel = os.path.relpath(root, folder)
+        headers += [h if rel == "." else f"{rel}/{h}" for h in files if h.endswith(".h")]
+    return f"{layer}/{sorted(headers)[0]}" if headers else None
 
 
 def command_for(commands, src, layer):

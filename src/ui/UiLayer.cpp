@@ -1,0 +1,1 @@
+// The screens' layer. Its parts live in the sub-folders of ui/.
