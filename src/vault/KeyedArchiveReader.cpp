@@ -80,31 +80,10 @@ private:
         switch (plist_get_node_type(node)) {
         case PLIST_STRING:
             return readString(node, objectName(index));
-        case PLIST_BOOLEAN: {
-            uint8_t b = 0;
-            plist_get_bool_val(node, &b);
-            return Value(b != 0);
-        }
-        case PLIST_UINT: {
-            uint64_t u = 0;
-            plist_get_uint_val(node, &u);
-            return Value(static_cast<long long>(static_cast<int64_t>(u)));
-        }
-        case PLIST_REAL: {
-            double d = 0;
-            plist_get_real_val(node, &d);
-            return Value(d);
-        }
-        case PLIST_DATA:
-            return readData(node);
-        case PLIST_DATE: {
-            int32_t sec = 0, usec = 0;
-            plist_get_date_val(node, &sec, &usec);
-            return Value::date(double(sec) + double(usec) / 1e6 + kSecondsFrom1970To2001);
-        }
         case PLIST_DICT:
             return decodeInstance(index, node);
         default:
+            if (auto scalar = QVPlistScalarValue(node)) return *scalar;
             fail(objectName(index) + " has a type that no object has");
             return {};
         }
@@ -120,15 +99,6 @@ private:
             return {};
         }
         return Value(std::move(text));
-    }
-
-    static Value readData(plist_t node) {
-        char* d = nullptr;
-        uint64_t length = 0;
-        plist_get_data_val(node, &d, &length);
-        Bytes bytes(reinterpret_cast<const uint8_t*>(d), reinterpret_cast<const uint8_t*>(d) + (d ? length : 0));
-        free(d);
-        return Value(std::move(bytes));
     }
 
     // The class of an instance: the "$classname" of the entry its "$class" names.
@@ -257,7 +227,7 @@ private:
         }
         if (cls == "NSData" || cls == "NSMutableData") {
             plist_t d = member(node, "NS.data");
-            if (d && plist_get_node_type(d) == PLIST_DATA) return readData(d);
+            if (d && plist_get_node_type(d) == PLIST_DATA) return *QVPlistScalarValue(d);
             Value v = decodeReference(d, "the bytes of a data object");
             if (failed()) return {};
             if (!v.isData()) {

@@ -1,6 +1,6 @@
 #pragma once
-// What the keyed archive's writer and reader share: the epoch of archived dates,
-// the checks on text, the escaping of field names, the registry of archivable
+// What the keyed archive's writer and reader share: the epoch of archived dates
+// (vault/PlistScalars.h), the checks on text, the escaping of field names, the registry of archivable
 // classes and an owner for libplist nodes. Internal to the keyed archive.
 #include <plist/plist.h>
 
@@ -10,11 +10,9 @@
 #include <vector>
 
 #include "vault/KeyedArchive.h"
+#include "vault/PlistScalars.h"
 
 namespace qv::detail {
-
-// Seconds between 1970-01-01 and 2001-01-01, the epoch of archived dates.
-inline constexpr double kSecondsFrom1970To2001 = 978307200.0;
 
 bool isValidUTF8(const std::string& s);
 // A string the property list can carry unchanged: UTF-8 without NUL.

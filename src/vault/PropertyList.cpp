@@ -4,57 +4,25 @@
 #include <cstdlib>
 #include <plist/plist.h>
 
+#include "vault/PlistScalars.h"
 #include "vault/PropertyListGuard.h"
 
 namespace qv {
 
 namespace {
 
-// Seconds between 1970-01-01 and 2001-01-01, the epoch of property-list dates.
-constexpr double kPlistEpochOffset = 978307200.0;
 // Matches the guard's limit; the guard refuses deeper lists before they are parsed.
 constexpr int kMaxDepth = int(QVPlainPropertyListLimits.maxDepth);
 
 std::optional<Value> fromNode(plist_t node, int depth) {
     if (!node || depth > kMaxDepth) return std::nullopt;
     switch (plist_get_node_type(node)) {
-    case PLIST_BOOLEAN: {
-        uint8_t b = 0;
-        plist_get_bool_val(node, &b);
-        return Value(b != 0);
-    }
-    case PLIST_UINT: {
-        uint64_t u = 0;
-        plist_get_uint_val(node, &u);
-        return Value(static_cast<long long>(u));
-    }
-    case PLIST_REAL: {
-        double d = 0;
-        plist_get_real_val(node, &d);
-        return Value(d);
-    }
     case PLIST_STRING: {
         char* s = nullptr;
         plist_get_string_val(node, &s);
         Value v(std::string(s ? s : ""));
         std::free(s);
         return v;
-    }
-    case PLIST_DATA: {
-        char* d = nullptr;
-        uint64_t n = 0;
-        plist_get_data_val(node, &d, &n);
-        Value v(Bytes(reinterpret_cast<uint8_t*>(d), reinterpret_cast<uint8_t*>(d) + n));
-        std::free(d);
-        return v;
-    }
-    case PLIST_DATE: {
-        int32_t sec = 0, usec = 0;
-        plist_get_date_val(node, &sec, &usec);
-        // libplist hands out a date it can't hold in 32-bit seconds with the
-        // microseconds out of their range.
-        if (usec <= -1000000 || usec >= 1000000) return std::nullopt;
-        return Value::date(sec + usec / 1e6 + kPlistEpochOffset);
     }
     case PLIST_ARRAY: {
         auto arr = std::make_shared<Array>();
@@ -87,7 +55,7 @@ std::optional<Value> fromNode(plist_t node, int depth) {
         std::free(it);
         return Value(dict);
     }
-    default: return std::nullopt;
+    default: return QVPlistScalarValue(node);
     }
 }
 
@@ -101,7 +69,7 @@ plist_t toNode(const Value& v, int depth) {
     case Value::Kind::Data:
         return plist_new_data(reinterpret_cast<const char*>(v.toData().data()), v.toData().size());
     case Value::Kind::Date: {
-        double t = v.toDate() - kPlistEpochOffset;
+        double t = v.toDate() - kSecondsFrom1970To2001;
         // Whole seconds from 2001 in 32 bits: a date beyond them (or NaN) can't be written.
         if (!(t > double(INT32_MIN) - 1 && t < double(INT32_MAX) + 1)) return nullptr;
         auto sec = static_cast<int32_t>(t);
