@@ -52,7 +52,15 @@ private:
 };
 
 FolderListModel::FolderListModel(QObject* parent)
-    : QAbstractListModel(parent), observer_(std::make_shared<FaceObserver>(this)) {
+    : QAbstractListModel(parent), observer_(std::make_shared<FaceObserver>(this)), animation_(new QTimer(this)) {
+    animation_->setInterval(40);
+    connect(animation_, &QTimer::timeout, this, [this] {
+        for (size_t row = 0; row < rows_.size(); ++row) {
+            FolderFaceRef ff{rows_[row]};
+            if (ff.progressIndeterminate().toBool() && ff.progressAnimate().toBool())
+                emit dataChanged(index(int(row)), index(int(row)), {IndeterminateRole});
+        }
+    });
     listener_ = FolderList::singleton().addFacesListener([this] { reload(); });
     reload();
 }
@@ -78,7 +86,16 @@ void FolderListModel::reload() {
     rows_ = FolderList::singleton().arrangedFaces();
     observe(true);
     endResetModel();
+    animateWhileBusy();
     emit rowsReloaded();
+}
+
+void FolderListModel::animateWhileBusy() {
+    const bool busy = std::any_of(rows_.begin(), rows_.end(), [](const QVRecordRef& face) {
+        return FolderFaceRef{face}.progressIndeterminate().toBool() && FolderFaceRef{face}.progressAnimate().toBool();
+    });
+    if (busy && !animation_->isActive()) animation_->start();
+    if (!busy) animation_->stop();
 }
 
 void FolderListModel::faceChanged(const QVRecord* face) {
@@ -86,6 +103,7 @@ void FolderListModel::faceChanged(const QVRecord* face) {
     if (row < 0) return;
     const QModelIndex at = index(row);
     emit dataChanged(at, at);
+    animateWhileBusy();
 }
 
 int FolderListModel::rowOf(const QVRecord* face) const {

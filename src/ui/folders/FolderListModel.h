@@ -6,6 +6,7 @@
 // queued call on the GUI thread. Rows dragged within the view are moved
 // through the list, which saves their new positions.
 #include <QAbstractListModel>
+#include <QTimer>
 #include <memory>
 #include <vector>
 
@@ -61,10 +62,13 @@ private:
     void reload();
     void faceChanged(const QVRecord* face);
     void observe(bool on);
+    void animateWhileBusy();
 
     std::vector<QVRecordRef> rows_;
     std::shared_ptr<FaceObserver> observer_;
     size_t listener_ = 0;
+    // Repaints the rows whose bar shows work of unknown length.
+    QTimer* animation_;
 };
 
 } // namespace qv::ui

@@ -82,7 +82,8 @@ FolderListScreen::FolderListScreen(QWidget* parent)
 
     listPage_ = new QWidget;
     auto* column = new QVBoxLayout(listPage_);
-    column->setContentsMargins(0, 0, 0, 0);
+    column->setContentsMargins(6, 6, 6, 6);
+    column->setSpacing(6);
     column->addWidget(search_);
     column->addWidget(view_, 1);
     emptyPage_ = makeEmptyPage();

@@ -2,6 +2,7 @@
 
 #include <QAbstractItemView>
 #include <QApplication>
+#include <QDateTime>
 #include <QHelpEvent>
 #include <QMouseEvent>
 #include <QPainter>
@@ -85,6 +86,32 @@ void FolderView::drawPicture(QPainter* painter, const QRect& rect, const QString
                         folderPicture(name, rect.size(), painter->device()->devicePixelRatioF(), ink, paper));
 }
 
+void FolderView::drawBar(QPainter* painter, const QRect& rect, const QModelIndex& index, const QPalette& palette,
+                         bool selected) const {
+    // Drawn here rather than by the style: a style's bar is made for a widget of
+    // its own height, and this one is a thin line within the row.
+    const QColor fill = palette.color(selected ? QPalette::HighlightedText : QPalette::Highlight);
+    QColor groove = palette.color(selected ? QPalette::HighlightedText : QPalette::Text);
+    groove.setAlphaF(0.15f);
+    const qreal radius = rect.height() / 2.0;
+    painter->setRenderHint(QPainter::Antialiasing);
+    painter->setPen(Qt::NoPen);
+    painter->setBrush(groove);
+    painter->drawRoundedRect(rect, radius, radius);
+    QRectF done = rect;
+    if (index.data(FolderListModel::IndeterminateRole).toBool()) {
+        // Work of unknown length: a third of the bar, stepping along while the row repaints.
+        const qint64 step = (QDateTime::currentMSecsSinceEpoch() / 40) % 100;
+        done.setWidth(rect.width() / 3.0);
+        done.moveLeft(rect.left() + (rect.width() - done.width()) * step / 99.0);
+    } else {
+        done.setWidth(rect.width() * index.data(FolderListModel::ProgressRole).toDouble());
+    }
+    if (done.width() <= 0) return;
+    painter->setBrush(fill);
+    painter->drawRoundedRect(done, radius, radius);
+}
+
 void FolderView::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const {
     QStyleOptionViewItem opt = option;
     initStyleOption(&opt, index);
@@ -109,15 +136,7 @@ void FolderView::paint(QPainter* painter, const QStyleOptionViewItem& option, co
     painter->drawText(l.name, Qt::AlignLeft | Qt::AlignVCenter,
                       QFontMetrics(painter->font()).elidedText(name, Qt::ElideMiddle, l.name.width()));
 
-    QStyleOptionProgressBar bar;
-    bar.rect = l.bar;
-    bar.state = opt.state & QStyle::State_Enabled;
-    bar.palette = opt.palette;
-    bar.minimum = 0;
-    bar.maximum = index.data(FolderListModel::IndeterminateRole).toBool() ? 0 : 1000;
-    bar.progress = int(index.data(FolderListModel::ProgressRole).toDouble() * 1000);
-    bar.textVisible = false;
-    style->drawControl(QStyle::CE_ProgressBar, &bar, painter, opt.widget);
+    drawBar(painter, l.bar, index, opt.palette, selected);
 
     // The core's status colour, made readable on this palette; a selected row
     // keeps to the selection's text colour.

@@ -39,6 +39,8 @@ signals:
     void rowDoubleClicked(const QModelIndex& index);
 
 private:
+    void drawBar(QPainter* painter, const QRect& rect, const QModelIndex& index, const QPalette& palette,
+                 bool selected) const;
     void drawPicture(QPainter* painter, const QRect& rect, const QString& name, const QColor& ink,
                      const QColor& paper) const;
 
