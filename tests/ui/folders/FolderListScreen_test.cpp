@@ -174,8 +174,10 @@ private slots:
         script.close();
         script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
         qputenv("BROWSER", opener.toUtf8());
-        qunsetenv("DISPLAY");
-        qunsetenv("WAYLAND_DISPLAY");
+        // No desktop is detected, so that xdg-open falls back on $BROWSER.
+        for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP", "DESKTOP_SESSION",
+                                 "KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID", "MATE_DESKTOP_SESSION_ID"})
+            qunsetenv(name);
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
 
         show({"Alpha", "Beta"});
