@@ -282,6 +282,7 @@ void FolderListScreen::showContextMenu(const QPoint& where) {
     const std::string path = QVFolderMountpointPath(FolderFaceRef{face}.folder().as<QVRecord>());
 
     QMenu menu(this);
+    menu.addAction(tr("Information"), this, [this, face] { showInfo(face); });
     menu.addAction(tr("Show in File Manager"), this, [path] { QVRevealInFileManager({path}); });
     QAction* restore =
         menu.addAction(tr("Restore Folder"), this, [face] { FolderList::singleton().decryptFolderOfFolderFace(face); });

@@ -17,6 +17,7 @@
 #include "tasks/BaseFolderTask.h"
 #include "toolkit/OperationQueue.h"
 #include "ui/UiTestMain.h"
+#include "ui/folders/FolderInfoPage.h"
 #include "ui/folders/FolderListModel.h"
 #include "ui/folders/FolderListScreen.h"
 #include "ui/folders/FolderView.h"
@@ -229,6 +230,34 @@ private slots:
         QVUserDefaults::standardUserDefaults().setObject("QVOpenFolderAfterUnlock", Value(false));
         clickLock(0, Qt::ShiftModifier);
         QCOMPARE(tasks(), QStringList{"unlock+open Locked1"});
+    }
+
+    void theActionControlShowsInformationOrCancelsTheTask() {
+        show({"Quiet", "Working"});
+        auto clickAction = [&](int row) {
+            const QRect rect = view()->visualRect(model()->index(row));
+            QTest::mouseClick(view()->viewport(), Qt::LeftButton, {},
+                              FolderView::layout(rect, view()->font()).action.center());
+        };
+        auto icon = [&](int row) { return model()->index(row).data(FolderListModel::ActionIconRole).toString(); };
+        clickAction(0);
+        auto* page = screen->findChild<FolderInfoPage*>();
+        QVERIFY(page && page->isVisible());
+        QTRY_COMPARE(icon(0), QString("Back"));
+        clickAction(0);  // Back closes the page
+        QTRY_VERIFY(!screen->findChild<FolderInfoPage*>());
+        QCOMPARE(icon(0), QString("Info"));
+
+        // A face with a running task shows Cancel, and the control cancels it.
+        const QVRecordRef working = list.faces()[1];
+        auto task = BlockOperation::blockOperationWithVoidBlock([] {});
+        FolderFaceRef{working}.setCurrentOp(task);
+        applyFacePresentation(working, {.cancelable = true});
+        QTRY_COMPARE(icon(1), QString("Cancel"));
+        clickAction(1);
+        QVERIFY(FolderFaceRef{working}.opCanceled().toBool());
+        QVERIFY(!screen->findChild<FolderInfoPage*>());
+        FolderFaceRef{working}.setCurrentOp(nullptr);
     }
 
     void anEmptySetShowsTheEmptyList() {
