@@ -244,7 +244,7 @@ private slots:
         auto* page = screen->findChild<FolderInfoPage*>();
         QVERIFY(page && page->isVisible());
         QTRY_COMPARE(icon(0), QString("Back"));
-        clickAction(0);  // Back closes the page
+        clickAction(0); // Back closes the page
         QTRY_VERIFY(!screen->findChild<FolderInfoPage*>());
         QCOMPARE(icon(0), QString("Info"));
 
