@@ -153,10 +153,9 @@ QVariant FolderListModel::data(const QModelIndex& index, int role) const {
 }
 
 Qt::ItemFlags FolderListModel::flags(const QModelIndex& index) const {
-    // Rows are dragged onto rows, and dropped between them onto the list itself.
-    const Qt::ItemFlags base = Qt::ItemIsDropEnabled;
-    if (!index.isValid()) return base;
-    return base | Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDragEnabled;
+    // Rows are dropped between rows (the list takes the drop), never onto one.
+    if (!index.isValid()) return Qt::ItemIsDropEnabled;
+    return Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDragEnabled;
 }
 
 QStringList FolderListModel::mimeTypes() const { return {QString::fromLatin1(kRowsMimeType)}; }

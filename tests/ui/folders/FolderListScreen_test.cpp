@@ -213,6 +213,16 @@ private slots:
         dragged.reset(model()->mimeData({model()->index(0)}));
         QVERIFY(model()->dropMimeData(dragged.get(), Qt::MoveAction, -1, 0, {})); // below the last row
         QCOMPARE(rows(), QString("A B D C"));
+        // Dropped by the mouse on the lower edge of the third row: below it.
+        dragged.reset(model()->mimeData({model()->index(0)}));
+        const QPoint below = view()->visualRect(model()->index(2)).bottomLeft() + QPoint(60, -1);
+        QDragEnterEvent enter(below, Qt::MoveAction, dragged.get(), Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(view()->viewport(), &enter);
+        QDragMoveEvent move(below, Qt::MoveAction, dragged.get(), Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(view()->viewport(), &move);
+        QDropEvent drop(below, Qt::MoveAction, dragged.get(), Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(view()->viewport(), &drop);
+        QCOMPARE(rows(), QString("B D A C"));
         for (size_t i = 0; i < list.faces().size(); ++i)
             QCOMPARE(FolderRef{FolderFaceRef{list.faces()[i]}.folder().as<QVRecord>()}.position().toInt(), int64_t(i));
     }
