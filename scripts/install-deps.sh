@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests and the programs need, only when one is missing.
 set -euo pipefail
 PKGS=(build-essential cmake ninja-build pkg-config python3
-      qt6-base-dev libplist-dev libfuse3-dev fuse3 fuse2fs e2fsprogs libacl1-dev acl attr
+      qt6-base-dev qt6-svg-dev libplist-dev libfuse3-dev fuse3 fuse2fs e2fsprogs libacl1-dev acl attr
       libssl-dev libicu-dev libgtest-dev libbenchmark-dev scrypt lsof util-linux psmisc dbus-daemon
       libext2fs-dev libglib2.0-dev libmount-dev xdg-utils
       clang libclang-rt-14-dev)  # the fuzz targets: clang and its libFuzzer and sanitizer runtimes

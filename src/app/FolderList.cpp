@@ -121,6 +121,7 @@ void FolderList::loadSubdb(const std::shared_ptr<DBSubdb>& subdb) {
         // Every folder that was on show keeps its actions in the cache.
         ActionsCache::actionsCache().setActionsForFolder(FolderFaceRef{face}.folder().as<QVRecord>());
     }
+    facesChanged();
 }
 
 void FolderList::returnSubDB() {
@@ -129,6 +130,7 @@ void FolderList::returnSubDB() {
     selected_.reset();
     if (subdb_ && subdb_->masterdb()) subdb_->masterdb()->returnSubDB(subdb_);
     subdb_.reset();
+    facesChanged();
 }
 
 void FolderList::setupFolderFace(const QVRecordRef& face) {
@@ -179,6 +181,7 @@ bool FolderList::encryptFolder(const QVRecordRef& folder) {
     showsEmptyList_ = false;
     f.setPosition(Value(int64_t(faces_.size()) - 1));
     QVRecordSetSubdb(folder, subdb_);
+    facesChanged();
     return queueTask(makers_.encrypt ? makers_.encrypt(face) : nullptr, "encrypting");
 }
 
@@ -192,6 +195,11 @@ bool FolderList::toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shif
     return queueTask(makers_.unlock ? makers_.unlock(face, open) : nullptr, "unlocking");
 }
 
+bool FolderList::decryptFolderOfFolderFace(const QVRecordRef& face) {
+    if (!face) return false;
+    return queueTask(makers_.decrypt ? makers_.decrypt(face) : nullptr, "restoring");
+}
+
 void FolderList::removeFolderFace(const QVRecordRef& face) {
     if (!face) return;
     unobserveFolderFace(face);
@@ -200,6 +208,7 @@ void FolderList::removeFolderFace(const QVRecordRef& face) {
     if (it != faces_.end()) faces_.erase(it);
     if (detailsFace_ == face) detailsFace_.reset();
     if (selected_ && *selected_ >= arrangedFaces().size()) selected_.reset();
+    facesChanged();
     checkEmptyFolderList();
     if (subdb_) {
         subdb_->removeFolderWithMountpoint(path);
@@ -291,6 +300,7 @@ std::vector<QVRecordRef> FolderList::arrangedFaces() const {
 void FolderList::search(const std::string& text) {
     search_ = text;
     selected_.reset();
+    facesChanged();
 }
 
 bool FolderList::acceptDrop(const std::set<size_t>& indexes, size_t row) {
@@ -306,6 +316,7 @@ bool FolderList::acceptDrop(const std::set<size_t>& indexes, size_t row) {
         FolderRef{FolderFaceRef{faces_[i]}.folder().as<QVRecord>()}.setPosition(Value(int64_t(i)));
     if (std::shared_ptr<DBSubdb> subdb = subdb_)
         performBlockOnMainThread([subdb] { subdb->save(nullptr); }, false);
+    facesChanged();
     return true;
 }
 
@@ -321,9 +332,30 @@ void FolderList::selectPrevious() {
     selected_ = !selected_ ? rows - 1 : (*selected_ == 0 ? 0 : std::min(*selected_, rows) - 1);
 }
 
+void FolderList::selectRow(size_t row) {
+    if (row < arrangedFaces().size())
+        selected_ = row;
+    else
+        selected_.reset();
+}
+
 QVRecordRef FolderList::selectedFolderFace() const {
     const auto rows = arrangedFaces();
     return selected_ && *selected_ < rows.size() ? rows[*selected_] : nullptr;
+}
+
+size_t FolderList::addFacesListener(std::function<void()> listener) {
+    facesListeners_[nextListener_] = std::move(listener);
+    return nextListener_++;
+}
+
+void FolderList::removeFacesListener(size_t id) { facesListeners_.erase(id); }
+
+void FolderList::facesChanged() {
+    // A listener may remove itself (or another) while it hears.
+    const auto listeners = facesListeners_;
+    for (const auto& [id, listener] : listeners)
+        if (facesListeners_.count(id) && listener) listener();
 }
 
 void FolderList::checkEmptyFolderList() {

@@ -10,6 +10,7 @@
 // Main thread only: tasks reach these operations through blocks posted to the
 // main thread (toolkit/MainThread.h), never by calling them from their own thread.
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -61,6 +62,12 @@ public:
     // it is queued: locking for an unlocked folder, unlocking (opening it after
     // as shouldOpenFolderInFinder says) for a locked one.
     bool toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld = false);
+    // The user restores the folder (its contents back in place of the image): a
+    // restoring task is queued at once, with no question asked here. False when
+    // no restoring task can be made yet or the queue refuses it.
+    bool decryptFolderOfFolderFace(const QVRecordRef& face);
+    // Whether a restoring task can be made (its maker is installed).
+    bool canDecrypt() const { return bool(makers_.decrypt); }
     // Takes the face out of the list and its folder out of the set, and saves the
     // set (a failed save is not reported).
     void removeFolderFace(const QVRecordRef& face) override;
@@ -116,6 +123,8 @@ public:
     void selectNext();
     void selectPrevious();
     void selectNothing() { selected_.reset(); }
+    // Selects an arranged row (a row past the end selects nothing), as a click does.
+    void selectRow(size_t row);
     QVRecordRef selectedFolderFace() const;
     std::optional<size_t> selectedRow() const { return selected_; }
 
@@ -124,6 +133,12 @@ public:
     void checkEmptyFolderList();
     bool showsEmptyList() const { return showsEmptyList_; }
     void setEmptyListHandler(std::function<void()> handler) { emptyListHandler_ = std::move(handler); }
+
+    // Listeners that hear, on the main thread, whenever the faces or their
+    // arrangement change (a set shown or given back, a folder added or taken
+    // away, a reorder, a new search). The id removes the listener again.
+    size_t addFacesListener(std::function<void()> listener);
+    void removeFacesListener(size_t id);
 
     // The face whose details are on show (the front end says), for the action icons.
     void setDetailsFace(const QVRecordRef& face) { detailsFace_ = face; }
@@ -142,6 +157,7 @@ private:
     void observeFolderFace(const QVRecordRef& face);
     void unobserveFolderFace(const QVRecordRef& face);
     bool queueTask(const OperationRef& operation, const char* what);
+    void facesChanged();
 
     std::vector<QVRecordRef> faces_;
     std::shared_ptr<DBSubdb> subdb_;
@@ -153,6 +169,8 @@ private:
     TaskMakers makers_;
     OperationQueue* queue_ = nullptr;
     std::shared_ptr<CancelableObserver> observer_;
+    std::map<size_t, std::function<void()>> facesListeners_;
+    size_t nextListener_ = 0;
 };
 
 } // namespace qv

@@ -282,6 +282,11 @@ void QVNotificationCenter::setYesNoHandler(YesNoHandler handler) {
     d_->yesNo = std::move(handler);
 }
 
+QVNotificationCenter::YesNoHandler QVNotificationCenter::yesNoHandler() const {
+    std::lock_guard<std::mutex> lock(d_->mutex);
+    return d_->yesNo;
+}
+
 bool QVNotificationCenter::flush(double seconds) {
     if (QCoreApplication::instance() && QVIsMainThread()) QCoreApplication::processEvents();
     std::vector<std::shared_ptr<NotificationDelivery>> all;

@@ -98,6 +98,8 @@ public:
     // be the message.
     using YesNoHandler = std::function<bool(const std::string& message, bool defaultButton)>;
     void setYesNoHandler(YesNoHandler handler);
+    // The handler installed, or empty (postYesNo then takes the default answer).
+    YesNoHandler yesNoHandler() const;
 
     // For a process about to exit: delivers what was posted from this thread, then
     // waits up to `seconds` until the deliveries have handed every message on (the

@@ -135,5 +135,30 @@ TEST_F(FolderListTest, TheLockSwitchQueuesTheTaskForTheRealStateAndShiftReverses
     EXPECT_EQ(tasks(), (std::vector<std::string>{"decrypt WithOpen", "encrypt Incoming", "lock Plain", "unlock Plain"}));
 }
 
+TEST_F(FolderListTest, ListenersHearEveryChangeOfTheRowsAndRestoreNeedsItsMaker) {
+    int heard = 0;
+    const size_t id = list.addFacesListener([&] { ++heard; });
+    load({folder("A", 0), folder("B", 1), folder("C", 2)});
+    list.search("b");
+    list.selectRow(0);
+    EXPECT_EQ(nameOf(list.selectedFolderFace()), "B") << "rows are the arranged ones";
+    list.selectRow(1);
+    EXPECT_FALSE(list.selectedRow()) << "a row past the end selects nothing";
+    list.search("");
+    list.acceptDrop({0}, 3);
+    list.removeFolderFace(list.faces()[0]);
+    EXPECT_EQ(heard, 5);
+
+    list.removeFacesListener(id);
+    list.search("x");
+    EXPECT_EQ(heard, 5) << "a removed listener hears nothing";
+
+    EXPECT_TRUE(list.decryptFolderOfFolderFace(list.faces()[0]));
+    EXPECT_EQ(tasks(), std::vector<std::string>{"decrypt C"});
+    list.setTaskMakers({});
+    EXPECT_FALSE(list.canDecrypt());
+    EXPECT_FALSE(list.decryptFolderOfFolderFace(list.faces()[0]));
+}
+
 } // namespace
 } // namespace qv
