@@ -54,9 +54,14 @@ PasswordAssistant::PasswordAssistant(QWidget* parent) : QVBaseAssistant(parent) 
 
     auto* form = new QFormLayout();
     form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
-    form->addRow(tr("&Password:"), passwordRow);
-    form->addRow(tr("&Verify:"), repeatRow);
-    form->addRow(tr("Strength:"), strengthRow);
+    auto addRow = [this, form](const QString& text, QLayout* row, QWidget* buddy) {
+        auto* label = new QLabel(text, this);
+        label->setBuddy(buddy);
+        form->addRow(label, row);
+    };
+    addRow(tr("&Password:"), passwordRow, password_);
+    addRow(tr("&Verify:"), repeatRow, repeat_);
+    addRow(tr("Strength:"), strengthRow, nullptr);
     layout->addLayout(form);
     layout->addStretch(1);
     setTabOrder(password_, repeat_);
@@ -133,7 +138,7 @@ void PasswordAssistant::nextPressed() {
     }
     if (score < QVPasswordStrength::kAcceptedFrom) {
         showSheet(QMessageBox::Question, tr("Can you do better?"),
-                  tr("Strong passwords don't have be complicated (hint: secret phrases with minor punctuation make "
+                  tr("Strong passwords don't have to be complicated (hint: secret phrases with minor punctuation make "
                      "excellent passwords)."),
                   tr("I'll do better"), tr("Good enough!"), stayOrCreate);
         return;

@@ -34,11 +34,14 @@ QVSetupAssistant::QVSetupAssistant(Form form, QWidget* parent) : QWidget(parent,
         stepList_->setAttribute(Qt::WA_TransparentForMouseEvents);
         stepList_->setFrameShape(QFrame::NoFrame);
         stepList_->setBackgroundRole(QPalette::Window);
-        stepList_->setFixedWidth(170);
+        stepList_->setFixedWidth(fontMetrics().averageCharWidth() * 22);
+        stepList_->setSpacing(3);
         stepList_->setAccessibleName(tr("Steps"));
         body->addWidget(stepList_);
     }
     box_ = new QStackedWidget(this);
+    // Room for the longest page of text without a cramped look; fonts scale it.
+    box_->setMinimumSize(fontMetrics().averageCharWidth() * 60, fontMetrics().height() * 16);
     body->addWidget(box_, 1);
     outer->addLayout(body, 1);
 

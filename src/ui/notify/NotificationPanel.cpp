@@ -71,6 +71,7 @@ QVNotificationPanel::QVNotificationPanel(QVNotificationRef notification, QVNotif
     if (notification_->type() == QVNotificationProgress) {
         bar_ = new QProgressBar(this);
         bar_->setTextVisible(false);
+        bar_->setMaximumHeight(fontMetrics().height() * 2 / 3);
         bar_->setFocusPolicy(Qt::NoFocus);
         layout->addWidget(bar_);
         updateBar();
