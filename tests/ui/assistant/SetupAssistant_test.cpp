@@ -199,6 +199,27 @@ private slots:
         QCOMPARE(master->subDBCount(), size_t(1));
     }
 
+    void miniFormRunsOneStepThatCanBeCancelled() {
+        QVSetupAssistant mini(QVSetupAssistant::Form::Mini);
+        mini.setDatabase(master);
+        auto* step = new PasswordAssistant;
+        step->setCancellable(true);
+        mini.addAssistant(step);
+        QSignalSpy finished(&mini, &QVSetupAssistant::finished);
+        mini.run();
+        QVERIFY(!mini.stepList());
+        QPushButton* cancel = nullptr;
+        for (auto* button : mini.findChildren<QPushButton*>())
+            if (button->text() == "Cancel") cancel = button;
+        QVERIFY(cancel);
+        step->passwordField()->setText("Correct-Horse.7");
+        cancel->click();
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(finished.at(0).at(0).toBool(), false);
+        QVERIFY(step->passwordField()->text().isEmpty());
+        QCOMPARE(master->subDBCount(), size_t(0));
+    }
+
     void closingTheWindowDismissesWithoutASet() {
         QSignalSpy finished(assistant.data(), &QVSetupAssistant::finished);
         QSignalSpy dismissed(assistant.data(), &QVSetupAssistant::setupAssistantWasDismissed);
