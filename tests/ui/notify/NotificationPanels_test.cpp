@@ -9,6 +9,8 @@
 #include <QScreen>
 #include <QTimer>
 
+#include "disk/RescueFrontEnd.h"
+#include "notify/AlertPanel.h"
 #include "notify/QVNotificationColor.h"
 #include "ui/UiTestMain.h"
 #include "ui/notify/PanelDelivery.h"
@@ -203,6 +205,28 @@ private slots:
         QCOMPARE(centre->postYesNo("Go on?", true), true);
         answerNextBoxWithDefault();
         QCOMPARE(centre->postYesNo("Go on?", false), false);
+    }
+
+    void aTasksAlertComesAsAMessageBoxAfterItsDelay() {
+        installScreenDeliveries(nullptr);
+        QVShowAlertPanelLater("Error creating disk image", "There is not enough space.");
+        auto findBox = []() -> QMessageBox* {
+            for (QWidget* w : QApplication::topLevelWidgets())
+                if (auto* box = qobject_cast<QMessageBox*>(w);
+                    box && box->isVisible() && box->text() == "Error creating disk image")
+                    return box;
+            return nullptr;
+        };
+        QTest::qWait(50);
+        QVERIFY(!findBox()); // not before 0.2 seconds
+        QTRY_VERIFY(findBox());
+        QCOMPARE(findBox()->informativeText(), QStringLiteral("There is not enough space."));
+        QVERIFY(QVNotificationCenter::defaultCenter().notifications().empty());
+        findBox()->close();
+        // The rescue's hooks are the screens'.
+        QVERIFY(QVCurrentClipboardWriter() && QVCurrentSavePanel() && QVCurrentSecretAlert());
+        QVERIFY(QVCurrentClipboardWriter()("from the rescue"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("from the rescue"));
     }
 
     void clipboardTakesAndClearsThePassword() {
