@@ -109,7 +109,7 @@ private slots:
     }
 
     void panelFadesInAndOutAfterItsLifespan() {
-        centre->setDelay(0.3);
+        centre->setDelay(1.0);
         postInfo("short");
         QVNotificationPanel* panel = lastPanel();
         QVERIFY(panel->isVisible());
@@ -117,7 +117,7 @@ private slots:
         QVERIFY(panel->windowFlags() & Qt::FramelessWindowHint);
         QTRY_VERIFY(shownFully(panel));
         QVERIFY(panel->countdownRunning());
-        QTRY_VERIFY_WITH_TIMEOUT(centre->notifications().empty(), 2000);
+        QTRY_VERIFY_WITH_TIMEOUT(centre->notifications().empty(), 4000);
     }
 
     void stickyPanelStaysUntilClicked() {
