@@ -1,7 +1,7 @@
 #include "ui/assistant/PasswordAssistant.h"
 
 #include <QApplication>
-#include <QFormLayout>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QMessageBox>
 #include <QVBoxLayout>
@@ -41,27 +41,26 @@ PasswordAssistant::PasswordAssistant(QWidget* parent) : QVBaseAssistant(parent) 
     strengthRow->addWidget(strengthText_);
 
     match_ = new MatchMark(this);
-    auto* repeatRow = new QHBoxLayout();
-    repeatRow->addWidget(repeat_, 1);
-    repeatRow->addWidget(match_);
     // The mark's place is kept while it is hidden, so the field doesn't jump.
     QSizePolicy keep = match_->sizePolicy();
     keep.setRetainSizeWhenHidden(true);
     match_->setSizePolicy(keep);
-    auto* passwordRow = new QHBoxLayout();
-    passwordRow->addWidget(password_, 1);
-    passwordRow->addSpacing(match_->sizeHint().width() + repeatRow->spacing());
 
-    auto* form = new QFormLayout();
-    form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
-    auto addRow = [this, form](const QString& text, QLayout* row, QWidget* buddy) {
+    // Labels | fields | the match mark, so that both fields line up.
+    auto* form = new QGridLayout();
+    form->setColumnStretch(1, 1);
+    auto addLabel = [this, form](int row, const QString& text, QWidget* buddy) {
         auto* label = new QLabel(text, this);
         label->setBuddy(buddy);
-        form->addRow(label, row);
+        form->addWidget(label, row, 0);
     };
-    addRow(tr("&Password:"), passwordRow, password_);
-    addRow(tr("&Verify:"), repeatRow, repeat_);
-    addRow(tr("Strength:"), strengthRow, nullptr);
+    addLabel(0, tr("&Password:"), password_);
+    form->addWidget(password_, 0, 1);
+    addLabel(1, tr("&Verify:"), repeat_);
+    form->addWidget(repeat_, 1, 1);
+    form->addWidget(match_, 1, 2);
+    addLabel(2, tr("Strength:"), nullptr);
+    form->addLayout(strengthRow, 2, 1, 1, 2);
     layout->addLayout(form);
     layout->addStretch(1);
     setTabOrder(password_, repeat_);
