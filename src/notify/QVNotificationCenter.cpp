@@ -104,7 +104,9 @@ struct QVNotificationCenter::Impl {
             QV_LOG_ERROR("couldn't deliver a notification: " + exceptionText(std::current_exception()));
             return;
         }
-        if (builtIn) {
+        // A delivery that falls back on the built-in panels (the tray's, with no
+        // tray on show) gives the message a panel frame: it is on show all the same.
+        if (builtIn || n->panelFrame()) {
             std::lock_guard<std::mutex> lock(mutex);
             notifications.push_back(n);
         }

@@ -16,6 +16,7 @@
 #include "disk/RenameAt.h"
 #include "disk/StorageLocations.h"
 #include "disk/Trash.h"
+#include "notify/AlertPanel.h"
 #include "notify/QVNotificationCenter.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
@@ -278,9 +279,7 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
         if (error->code != QVErrorCancelled) {
             const std::string description = error->description;
             QV_LOG_WARN(description);
-            afterDelay(0.2, [description] {
-                QVNotificationCenter::defaultCenter().postCritical("Error creating disk image\n\n" + description, true);
-            });
+            QVShowAlertPanelLater("Error creating disk image", description);
         }
         if (diskInfo) {
             const std::string image = DiskInfoRef{diskInfo}.url().toURLPath();
