@@ -192,6 +192,11 @@ bool FolderList::toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shif
     return queueTask(makers_.unlock ? makers_.unlock(face, open) : nullptr, "unlocking");
 }
 
+bool FolderList::statFolderFace(const QVRecordRef& face) {
+    if (!face || !statMaker_) return false;
+    return queueTask(statMaker_(face), "measuring");
+}
+
 void FolderList::removeFolderFace(const QVRecordRef& face) {
     if (!face) return;
     unobserveFolderFace(face);

@@ -1,13 +1,32 @@
 // quillvane: the desktop application. Everything it shows lives in the qv_ui
-// library; this is only the entry point.
+// library; this is only the entry point. One instance runs per user: a second
+// start asks the first, over the session bus, to show itself and ends.
 #include <QApplication>
+#include <QDBusConnection>
 
 #include "app/LayerWiring.h"
+#include "app/ScriptingBus.h"
+#include "toolkit/Log.h"
+#include "ui/shell/AppDelegate.h"
+#include "ui/shell/ScriptingService.h"
+#include "ui/shell/ShellIcons.h"
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("quillvane"));
     QApplication::setApplicationDisplayName(QStringLiteral("Quillvane"));
+    QApplication::setDesktopFileName(QStringLiteral("quillvane"));
+    QApplication::setWindowIcon(qv::ui::shellIcon(qv::ui::ShellIcon::Application));
+
+    qv::ui::AppDelegate delegate;
+    qv::ui::ScriptingService service([&delegate] { return delegate.dbmaster(); }, [&delegate] { delegate.reopen(); });
+    if (!service.registerOn(QDBusConnection::sessionBus())) {
+        if (qv::QVCallRunningInstanceShow()) return 0;
+        qv::QVLogInfo("no session bus name: running without scripting and without the one-instance check");
+    }
+
     qv::QVConnectLayers();
-    return 0;
+    int exitCode = 0;
+    if (!delegate.applicationDidFinishLaunching(&exitCode)) return exitCode;
+    return app.exec();
 }
