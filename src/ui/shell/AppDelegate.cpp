@@ -124,7 +124,7 @@ void AppDelegate::firstRun() {
 }
 
 void AppDelegate::upgradeAtStart() {
-    auto* upgrade = new UpgradeWindow(master_, content_->passwordScreen(), currentWindow());
+    auto* upgrade = new UpgradeWindow(master_, content_->passwordScreen(), nullptr);
     upgrade->start([this](DBMasterRef master) {
         if (master) master_ = master;
     });
