@@ -57,9 +57,15 @@ AppDelegate::AppDelegate(QObject* parent) : QObject(parent) {
 
 AppDelegate::~AppDelegate() {
     if (theDelegate == this) theDelegate = nullptr;
-    delete panel_;
-    delete window_;
-    if (content_ && !content_->parent()) delete content_;
+    delete tray_;
+    delete menu_;
+    // The content goes with the window that holds it.
+    if (panel_ || window_) {
+        delete panel_;
+        delete window_;
+    } else {
+        delete content_;
+    }
 }
 
 AppDelegate* AppDelegate::delegate() { return theDelegate; }
