@@ -15,6 +15,7 @@
 #include "app/FolderList.h"
 #include "notify/QVNotificationCenter.h"
 #include "ui/shell/SecretText.h"
+#include "ui/shell/ShellIcons.h"
 #include "vault/Locations.h"
 
 namespace qv::ui {
@@ -22,6 +23,10 @@ namespace qv::ui {
 PasswordScreen::PasswordScreen(QWidget* parent) : QWidget(parent) {
     auto* layout = new QVBoxLayout(this);
     layout->addStretch();
+    auto* picture = new QLabel(this);
+    picture->setPixmap(shellIcon(ShellIcon::Application).pixmap(QSize(72, 72)));
+    picture->setAlignment(Qt::AlignCenter);
+    layout->addWidget(picture);
     auto* title = new QLabel(tr("Enter your password"), this);
     title->setAlignment(Qt::AlignCenter);
     QFont font = title->font();

@@ -4,6 +4,7 @@
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QKeyEvent>
+#include <QPainter>
 #include <QScreen>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -92,6 +93,14 @@ void StatusPanel::keyPressEvent(QKeyEvent* event) {
         return;
     }
     QWidget::keyPressEvent(event);
+}
+
+void StatusPanel::paintEvent(QPaintEvent* event) {
+    QWidget::paintEvent(event);
+    // Without a frame of its own the panel needs an edge against what lies behind it.
+    QPainter painter(this);
+    painter.setPen(palette().color(QPalette::Mid));
+    painter.drawRect(rect().adjusted(0, 0, -1, -1));
 }
 
 void StatusPanel::hideEvent(QHideEvent* event) {
