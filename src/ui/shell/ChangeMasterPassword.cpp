@@ -1,16 +1,13 @@
 #include "ui/shell/ChangeMasterPassword.h"
 
-#include <QApplication>
 #include <QDialogButtonBox>
 #include <QFormLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPointer>
 #include <QPushButton>
-#include <QThread>
-#include <QThreadPool>
 #include <QVBoxLayout>
 
+#include "ui/shell/OffMainThread.h"
 #include "ui/shell/SecretText.h"
 
 namespace qv::ui {
@@ -67,29 +64,24 @@ void ChangeMasterPassword::accept() {
     setWorking(true);
     error_->hide();
     auto secret = std::make_shared<SecretText>(new_->text());
-    QPointer<ChangeMasterPassword> self(this);
-    QThreadPool::globalInstance()->start(
-        [self, master = master_, subdb = subdb_, secret] {
-            // 0: changed, 1: in use, 2: failed
-            int outcome = 0;
+    // Empty: changed; else why not.
+    runOffMainThread<QString>(
+        this,
+        [master = master_, subdb = subdb_, secret] {
+            QString refusal;
             QVError error;
             if (master->hasSubDbWithPassword(secret->text()))
-                outcome = 1;
+                refusal = tr("This password is in use already. Please choose another one.");
             else if (!master->changePasswordOnSubdb(subdb, secret->text(), &error))
-                outcome = 2;
+                refusal = QString::fromStdString(error.description);
             secret->wipe();
-            QMetaObject::invokeMethod(
-                qApp,
-                [self, outcome, error] {
-                    if (!self) return;
-                    self->setWorking(false);
-                    if (outcome == 0) return self->QDialog::accept();
-                    self->refuse(outcome == 1 ? tr("This password is in use already. Please choose another one.")
-                                              : QString::fromStdString(error.description));
-                },
-                Qt::QueuedConnection);
+            return refusal;
         },
-        QThread::HighPriority);
+        [this](const QString& refusal) {
+            setWorking(false);
+            if (refusal.isEmpty()) return QDialog::accept();
+            refuse(refusal);
+        });
 }
 
 } // namespace qv::ui

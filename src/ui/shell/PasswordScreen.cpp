@@ -1,19 +1,16 @@
 #include "ui/shell/PasswordScreen.h"
 
-#include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
-#include <QThread>
-#include <QThreadPool>
 #include <QVBoxLayout>
 #include <filesystem>
 
 #include "app/FolderList.h"
 #include "notify/QVNotificationCenter.h"
+#include "ui/shell/OffMainThread.h"
 #include "ui/shell/SecretText.h"
 #include "ui/shell/ShellIcons.h"
 #include "vault/Locations.h"
@@ -94,23 +91,19 @@ void PasswordScreen::unlock() {
     setWorking(true);
     error_->hide();
     auto secret = std::make_shared<SecretText>(password_->text());
-    QPointer<PasswordScreen> self(this);
-    QThreadPool::globalInstance()->start(
-        [self, master, secret] {
-            QVError error;
-            DBSubdbRef subdb = master->getSubDBWithPassword(secret->text(), &error);
+    using Answer = std::pair<DBSubdbRef, QVError>;
+    runOffMainThread<Answer>(
+        this,
+        [master, secret] {
+            Answer answer;
+            answer.first = master->getSubDBWithPassword(secret->text(), &answer.second);
             secret->wipe();
-            QMetaObject::invokeMethod(
-                qApp,
-                [self, master, subdb, error] {
-                    if (self)
-                        self->unlockSubdb(subdb, error);
-                    else if (subdb)
-                        master->returnSubDB(subdb);
-                },
-                Qt::QueuedConnection);
+            return answer;
         },
-        QThread::HighPriority);
+        [this](const Answer& answer) { unlockSubdb(answer.first, answer.second); },
+        [master](const Answer& answer) {
+            if (answer.first) master->returnSubDB(answer.first);
+        });
 }
 
 void PasswordScreen::unlockSubdb(const DBSubdbRef& subdb, const QVError& error) {
