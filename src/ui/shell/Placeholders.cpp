@@ -31,6 +31,9 @@ QWidget* showSetupAssistant(QWidget* parent, std::function<void(bool setCreated)
     (void)finished;
     QWidget* widget = placeholder(parent, QWidget::tr("Welcome to Quillvane. Create your first Folder Set with "
                                                       "\"qv set create\", then start Quillvane again."));
+    widget->setWindowFlag(Qt::Window);
+    widget->setAttribute(Qt::WA_DeleteOnClose);
+    widget->resize(420, 240);
     widget->show();
     return widget;
 }
