@@ -10,9 +10,12 @@
 #include "ui/shell/AppDelegate.h"
 #include "ui/shell/ScriptingService.h"
 #include "ui/shell/ShellIcons.h"
+#include "ui/shell/Termination.h"
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
+    // --verbose: the log also on standard error, as with qv.
+    if (QApplication::arguments().contains(QStringLiteral("--verbose"))) qv::QVLogSetStderr(true);
     QApplication::setApplicationName(QStringLiteral("quillvane"));
     QApplication::setApplicationDisplayName(QStringLiteral("Quillvane"));
     QApplication::setDesktopFileName(QStringLiteral("quillvane"));
@@ -28,5 +31,6 @@ int main(int argc, char** argv) {
     qv::QVConnectLayers();
     int exitCode = 0;
     if (!delegate.applicationDidFinishLaunching(&exitCode)) return exitCode;
+    qv::ui::quitOnTerminationSignals();
     return app.exec();
 }

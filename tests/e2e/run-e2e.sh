@@ -75,7 +75,7 @@ printf '[General]\nskipmigrationTov3=true\n' >"$XDG_CONFIG_HOME/Quillvane/Quillv
 printf 'e2e password\ne2e password\n' | "$BIN/qv" set create || fail "qv set create"
 
 step "start: the tray icon, then the password screen in its panel"
-"$BIN/quillvane" >"$WORK/quillvane.log" 2>&1 &
+"$BIN/quillvane" --verbose >"$WORK/quillvane.log" 2>&1 &
 APP=$!
 PIDS+=($APP)
 waitFor 20 "$BIN/qv" show || fail "quillvane did not answer on the bus: $(cat "$WORK/quillvane.log")"
@@ -91,7 +91,15 @@ step "the password typed on the keyboard opens the set"
 xdotool type --delay 40 "e2e password"
 shot 02-password-typed
 xdotool key Return
-sleep 4  # the derivation takes a second or two
-shot 03-after-unlock
+sleep 0.3
+shot 03-unlocking
+waitFor 60 grep -q "the window is unlocked" "$WORK/quillvane.log" || fail "the password did not open the set"
+sleep 0.5
+shot 04-unlocked
+
+step "the end of the session (SIGTERM) quits as the menu does: a backup of the run"
+kill -TERM "$APP"
+waitFor 20 bash -c "! kill -0 $APP" || fail "quillvane did not end on SIGTERM"
+ls "$XDG_DATA_HOME/com.marrowfen.Quillvane3/Backups/" | grep -q "^database3 " || fail "no backup after a run with an unlock"
 
 step "passed"

@@ -235,6 +235,7 @@ void AppDelegate::setStatusText(const QString& text, const QColor& color) { cont
 // ------------------------------------------------------------------ commands
 
 void AppDelegate::unlocked() {
+    QVLogInfo("the window is unlocked");
     okToBackup_ = true;
     validateUserInterfaceItems();
 }
@@ -243,6 +244,7 @@ void AppDelegate::lockWindow() {
     if (isLocked()) return;
     content_->showPasswordScreen();
     FolderList::singleton().returnSubDB();
+    QVLogInfo("the window is locked");
     validateUserInterfaceItems();
 }
 
