@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     }
 
     qv::QVConnectLayers();
+    delegate.setShowPanelAtStart(!QApplication::arguments().contains(QStringLiteral("--hidden")));
     int exitCode = 0;
     if (!delegate.applicationDidFinishLaunching(&exitCode)) return exitCode;
     qv::ui::quitOnTerminationSignals();

@@ -9,6 +9,7 @@
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QSystemTrayIcon>
+#include <QTimer>
 
 #include "app/AllFolders.h"
 #include "app/Backup.h"
@@ -117,6 +118,8 @@ bool AppDelegate::applicationDidFinishLaunching(int* exitCode) {
     if (launch.databaseExisted && launch.needsUpgrade) upgradeAtStart();
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
     validateUserInterfaceItems();
+    // A moment for the tray host to place the icon, so the panel opens beside it.
+    if (mode_ == ShellMode::Panel && showPanelAtStart_) QTimer::singleShot(300, this, &AppDelegate::displayPopover);
     return true;
 }
 

@@ -36,6 +36,9 @@ public:
     // The one made last, while it lives.
     static AppDelegate* delegate();
 
+    // Whether the panel opens once at start (a start from the application
+    // menu), or the tray icon alone comes (a start at login: --hidden).
+    void setShowPanelAtStart(bool show) { showPanelAtStart_ = show; }
     // The launch sequence. Answers false when the program must end (after
     // its alert has been shown), with the exit status in *exitCode.
     bool applicationDidFinishLaunching(int* exitCode);
@@ -100,6 +103,7 @@ private:
     std::vector<QAction*> folderActions_;
     std::unique_ptr<QVVolumeNotices> volumeNotices_;
     bool okToBackup_ = false;
+    bool showPanelAtStart_ = true;
 };
 
 } // namespace qv::ui

@@ -83,6 +83,7 @@ private slots:
 
         delegate.applicationWillTerminate();
         QCOMPARE(backups(), size_t(1));
+        QVERIFY(!QVUserDefaults::standardUserDefaults().stringForKey("QVWindowGeometry").empty());
     }
 };
 
