@@ -97,7 +97,7 @@ bool AppDelegate::applicationDidFinishLaunching(int* exitCode) {
     QVError error;
     const QVLaunchResult launch = QVOpenMasterDatabaseAtLaunch(&error);
     if (!launch.master) {
-        const bool newer = launch.errorTitle == std::string(QVInvalidDatabaseVersionTitle);
+        const bool newer = launch.errorTitle && std::string(launch.errorTitle) == QVInvalidDatabaseVersionTitle;
         QMessageBox box(newer ? QMessageBox::Warning : QMessageBox::Critical,
                         tr(launch.errorTitle ? launch.errorTitle : QVFailedToCreateDatabaseTitle),
                         QString::fromStdString(error.description));
@@ -164,6 +164,7 @@ void AppDelegate::makeTrayIcon() {
 
 void AppDelegate::setUpPanel() {
     panel_ = new StatusPanel(content_);
+    panel_->installEventFilter(this);
     panel_->addActions(menu_->actions());
     connect(panel_, &StatusPanel::visibilityChanged, this, [this](bool visible) {
         if (tray_) tray_->setIcon(shellIcon(visible ? ShellIcon::StatusMenuPressed : ShellIcon::StatusMenu));
@@ -187,6 +188,8 @@ void AppDelegate::setUpWindow() {
 }
 
 bool AppDelegate::eventFilter(QObject* watched, QEvent* event) {
+    // The commands' shortcuts follow the folders as they are when the user comes back.
+    if (event->type() == QEvent::WindowActivate) validateUserInterfaceItems();
     if (watched == window_ && event->type() == QEvent::Close) {
         // With a tray icon on show the window only hides; otherwise closing it ends the program.
         if (!(tray_ && tray_->isVisible() && QSystemTrayIcon::isSystemTrayAvailable())) qApp->quit();

@@ -13,7 +13,6 @@
 #include "ui/shell/OffMainThread.h"
 #include "ui/shell/SecretText.h"
 #include "ui/shell/ShellIcons.h"
-#include "vault/Locations.h"
 
 namespace qv::ui {
 
@@ -84,7 +83,7 @@ void PasswordScreen::unlock() {
     if (working_ || password_->text().isEmpty()) return;
     const DBMasterRef master = masterSource_ ? masterSource_() : nullptr;
     std::error_code ec;
-    if (!master || !std::filesystem::exists(quillvaneURL(QVLocationDatabase), ec)) {
+    if (!master || !std::filesystem::exists(master->databaseURL(), ec)) {
         QVNotificationCenter::defaultCenter().postAlert(tr("Error loading database").toStdString(), true);
         return;
     }
