@@ -213,6 +213,10 @@ void AppDelegate::displayPopover() {
     panel_->showBeside(tray_ ? tray_->geometry() : QRect());
 }
 
+void AppDelegate::closePopover() {
+    if (panel_) panel_->hide();
+}
+
 // ------------------------------------------------------------------ state
 
 bool AppDelegate::isLocked() const { return content_->isLocked(); }

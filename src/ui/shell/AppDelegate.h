@@ -74,6 +74,8 @@ public slots:
     // forward, or the panel opens.
     void reopen();
     void displayPopover();
+    // Closes the panel (before a rescue asks where to save, say); its anchor stays.
+    void closePopover();
     // Enables the commands by the state they need.
     void validateUserInterfaceItems();
 
