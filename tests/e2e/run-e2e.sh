@@ -102,4 +102,15 @@ kill -TERM "$APP"
 waitFor 20 bash -c "! kill -0 $APP" || fail "quillvane did not end on SIGTERM"
 ls "$XDG_DATA_HOME/com.marrowfen.Quillvane3/Backups/" | grep -q "^database3 " || fail "no backup after a run with an unlock"
 
+step "started again in window mode: the window, with the password screen"
+printf 'QVWindowMode=1\n' >>"$XDG_CONFIG_HOME/Quillvane/Quillvane.conf"
+"$BIN/quillvane" --verbose >"$WORK/quillvane2.log" 2>&1 &
+APP=$!
+PIDS+=($APP)
+waitFor 20 xdotool search --onlyvisible --name '^Quillvane$' || fail "no window in window mode"
+sleep 1
+shot 05-window-mode
+kill -TERM "$APP"
+waitFor 20 bash -c "! kill -0 $APP" || fail "quillvane did not end on SIGTERM"
+
 step "passed"
