@@ -5,19 +5,27 @@ FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc)
 GEN        := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build run check test asan fuzz-build fuzz fuzz-short bench bench-image bench-encrypt clean
+.PHONY: all deps build run install check test asan fuzz-build fuzz fuzz-short bench bench-image bench-encrypt clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
 
+# Where `make install` puts everything; known at configure time, since the
+# D-Bus service file and the defaults' lookup name installed paths.
+PREFIX     ?= /usr/local
+
 build: deps
-	cmake -S . -B $(BUILD) $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
-	$(BUILD)/src/qv --help
+	$(BUILD)/src/quillvane
+
+# The programs, the desktop entry, the icons and the D-Bus service file under $(PREFIX).
+install: build
+	cmake --install $(BUILD)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

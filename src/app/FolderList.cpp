@@ -200,6 +200,11 @@ bool FolderList::decryptFolderOfFolderFace(const QVRecordRef& face) {
     return queueTask(makers_.decrypt ? makers_.decrypt(face) : nullptr, "restoring");
 }
 
+bool FolderList::statFolderFace(const QVRecordRef& face) {
+    if (!face || !statMaker_) return false;
+    return queueTask(statMaker_(face), "measuring");
+}
+
 void FolderList::removeFolderFace(const QVRecordRef& face) {
     if (!face) return;
     unobserveFolderFace(face);

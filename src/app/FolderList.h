@@ -87,6 +87,9 @@ public:
     // nothing here when it has none (false: the front end shows the details).
     bool folderAction(const QVRecordRef& face);
 
+    // Queues the measuring task for the face; false when there is no maker for it.
+    bool statFolderFace(const QVRecordRef& face);
+
     // Folders changed from outside the list: a folder that is new to the list is
     // encrypted; a face whose folder is no longer among them is restored.
     void recordsUpdated(const std::vector<QVRecordRef>& folders);
@@ -102,6 +105,9 @@ public:
         std::function<OperationRef(const QVRecordRef& face, bool openFolder)> unlock;
     };
     void setTaskMakers(TaskMakers makers) { makers_ = std::move(makers); }
+    // The task that measures a folder again (a volume below its path came or
+    // went); while none is set, nothing is measured.
+    void setStatTaskMaker(std::function<OperationRef(const QVRecordRef& face)> maker) { statMaker_ = std::move(maker); }
     // The queue the tasks go to; the process's folder-task queue unless set.
     void setQueue(OperationQueue* queue) { queue_ = queue; }
 
@@ -167,6 +173,7 @@ private:
     std::function<void()> emptyListHandler_;
     QVRecordRef detailsFace_;
     TaskMakers makers_;
+    std::function<OperationRef(const QVRecordRef& face)> statMaker_;
     OperationQueue* queue_ = nullptr;
     std::shared_ptr<CancelableObserver> observer_;
     std::map<size_t, std::function<void()>> facesListeners_;

@@ -15,6 +15,8 @@ enum ExitCode : int {
     ExitUsage = 2,
     ExitWrongPassword = 3,
     ExitRefused = 4,
+    // qv show: no desktop application runs for this user.
+    ExitNotRunning = 5,
 };
 
 // Prints "qv: <message>" on stderr.
@@ -30,6 +32,8 @@ DBMasterRef openDatabase(int* exitCode, bool* needsUpgrade = nullptr, bool* exis
 // The event loop the tasks post to, and the notification centre printing on
 // standard error and asking on the terminal; for every command that runs tasks.
 void prepareConsoleSession();
+// The process's QCoreApplication, made once by the thread of main().
+void ensureApplication();
 
 class PasswordInput;
 // Opens the set the typed password belongs to; null after a complaint, with the
@@ -45,5 +49,6 @@ int cmdLock(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
 int cmdActions(const std::vector<std::string>& args);
 int cmdUpgrade(const std::vector<std::string>& args);
+int cmdShow(const std::vector<std::string>& args);
 
 } // namespace qv::cli

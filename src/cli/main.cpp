@@ -39,10 +39,14 @@ const char* kUsage =
     "  Ctrl-C cancels a running task or the upgrade; the folder, or the database, is\n"
     "  left as it was.\n"
     "\n"
+    "The desktop application:\n"
+    "  qv show            bring the running Quillvane forward (exit status 5 when it\n"
+    "                     does not run)\n"
+    "\n"
     "  --verbose          also print the log on standard error\n"
     "  --help             this text\n"
     "\n"
-    "Exit status: 0 success, 1 failure, 2 usage, 3 wrong password, 4 refused.\n";
+    "Exit status: 0 success, 1 failure, 2 usage, 3 wrong password, 4 refused, 5 not running.\n";
 
 } // namespace
 
@@ -67,6 +71,7 @@ int main(int argc, char** argv) {
     }
     const std::string command = args.front();
     args.erase(args.begin());
+    if (command == "show") return qv::cli::cmdShow(args);
     if (command == "set" || command == "upgrade") qv::QVConnectLayers();
     if (command == "set") return qv::cli::cmdSet(args);
     if (command == "upgrade") return qv::cli::cmdUpgrade(args);
