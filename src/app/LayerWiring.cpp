@@ -7,7 +7,9 @@
 #include "deniability/PDAssistant.h"
 #include "tasks/EncryptFolderTask.h"
 #include "tasks/FolderActionsRunner.h"
+#include "tasks/ImportSparseBundleTask.h"
 #include "tasks/LockFolderTask.h"
+#include "tasks/StatFolderTask.h"
 #include "tasks/UnlockFolderTask.h"
 
 namespace qv {
@@ -22,7 +24,10 @@ void QVConnectLayers() {
     makers.unlock = [](const QVRecordRef& face, bool openFolder) {
         return UnlockFolderTask::taskWithFolderFace(face, openFolder);
     };
+    makers.import = [](const QVRecordRef& face) { return ImportSparseBundleTask::taskWithFolderFace(face, nullptr); };
     FolderList::singleton().setTaskMakers(std::move(makers));
+    UnlockFolderTask::setStatTaskMaker(
+        [](const QVRecordRef& face) { return StatFolderTask::taskWithFolderFace(face, true); });
 
     PDAssistantHost host;
     host.backupDatabase = [] { return backupQuillvaneDatabase(); };
