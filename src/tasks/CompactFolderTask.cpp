@@ -29,11 +29,12 @@ OperationResult CompactFolderTask::go(const QVRecordRef& folderFace) {
             const std::string image = QVImagePathOfFace(folderFace);
             const ImageToolRun run = QVRunImageToolForFace(folderFace, {"compact", "-stdinpass", image}, true);
             auto& centre = QVNotificationCenter::defaultCenter();
+            imageError = run.error;
             if (run.error) {
                 centre.postAlert(QVFormat("Error compacting image file\n'%s'\n", run.error->description.c_str()), true);
                 return;
             }
-            const std::string claimed = claimedSpace(run.output);
+            claimed = claimedSpace(run.output);
             QVLogInfo(QVFormat("compacted '%s': %s reclaimed", image.c_str(), claimed.c_str()));
             centre.postInfo("Image file compacted successfully", false);
         });

@@ -16,6 +16,11 @@ public:
     // `output` between "reclaimed " and " out of" (found ignoring case); empty
     // when either is missing.
     static std::string claimedSpace(const std::string& output);
+
+    // After go: why qv-image failed (nothing when it compacted), and the space
+    // it gave back as it worded it.
+    OperationResult imageError;
+    std::string claimed;
 };
 
 } // namespace qv

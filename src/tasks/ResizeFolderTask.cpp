@@ -32,6 +32,7 @@ OperationResult ResizeFolderTask::go(const QVRecordRef& folderFace) {
                 folderFace, {"resize", "-stdinpass", "-size", QVFormat("%lu", static_cast<unsigned long>(size)), image},
                 true);
             auto& centre = QVNotificationCenter::defaultCenter();
+            imageError = run.error;
             if (run.error) {
                 centre.postAlert(
                     QVFormat("Error resizing image file\n'%s'\n%s", run.error->description.c_str(), run.output.c_str()),

@@ -21,6 +21,8 @@ public:
     OperationResult go(const QVRecordRef& folderFace) override;
 
     uint64_t size = 0;
+    // After go: why qv-image failed, nothing when it resized.
+    OperationResult imageError;
 };
 
 } // namespace qv
