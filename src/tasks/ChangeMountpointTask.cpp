@@ -3,6 +3,7 @@
 #include "disk/DiskMaster.h"
 #include "disk/FolderSanity.h"
 #include "notify/QVNotificationCenter.h"
+#include "tasks/LockFolderTask.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
@@ -12,8 +13,8 @@
 namespace qv {
 
 OperationResult ChangeMountpointTask::go(const QVRecordRef& folderFace) {
-    FolderFaceRef face{folderFace};
-    const std::string name = QVLastPathComponent(QVFolderMountpointPath(face.folder().as<QVRecord>()));
+    const std::string name =
+        QVLastPathComponent(QVFolderMountpointPath(FolderFaceRef{folderFace}.folder().as<QVRecord>()));
     OperationResult error;
     QVError sanityError;
     if (sanityCheckFolderFace(folderFace, &sanityError) != QVSanityOK) {
@@ -22,17 +23,9 @@ OperationResult ChangeMountpointTask::go(const QVRecordRef& folderFace) {
     }
 
     if (!error) {
-        bool locked = true;
-        performBlockOnMainThread(
-            [&] {
-                face.setProgressIndeterminate(Value(true));
-                face.setProgressAnimate(Value(true));
-                QVSetFaceStatusText(folderFace, "Locking...", false);
-                locked = face.locked().toBool();
-            },
-            true);
         QVError unmountError;
-        if (!locked && !DiskMaster::unmountDiskForFolderFace(folderFace, "", true, true, &unmountError)) {
+        if (!LockFolderTask::showLockingAndReadLocked(folderFace) &&
+            !DiskMaster::unmountDiskForFolderFace(folderFace, "", true, true, &unmountError)) {
             QV_LOG_ERROR(QVFormat("failed to unmount '%s': %s", name.c_str(), unmountError.description.c_str()));
             error = unmountError;
         }
