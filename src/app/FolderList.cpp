@@ -5,23 +5,24 @@
 #include <unordered_set>
 
 #include "app/AutoUnlockCount.h"
-#include "tasks/TaskQueue.h"
 #include "automation/ActionsCache.h"
-#include "vault/UserDefaults.h"
 #include "disk/DesktopOpen.h"
 #include "disk/DiskMaster.h"
+#include "disk/FolderState.h"
 #include "disk/RescueFrontEnd.h"
+#include "disk/StorageLocations.h"
 #include "disk/URLHelpers.h"
+#include "notify/QVNotificationCenter.h"
 #include "tasks/BaseFolderTask.h"
+#include "tasks/TaskQueue.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
 #include "toolkit/PathText.h"
-#include "notify/QVNotificationCenter.h"
 #include "vault/DBMaster.h"
 #include "vault/DBSubdb.h"
-#include "disk/FolderState.h"
 #include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
+#include "vault/UserDefaults.h"
 
 namespace qv {
 
@@ -183,6 +184,36 @@ bool FolderList::encryptFolder(const QVRecordRef& folder) {
     QVRecordSetSubdb(folder, subdb_);
     facesChanged();
     return queueTask(makers_.encrypt ? makers_.encrypt(face) : nullptr, "encrypting");
+}
+
+bool FolderList::importSparseBundle(const QVRecordRef& face) {
+    const QVRecordRef given = FolderFaceRef{face}.folder().as<QVRecord>();
+    if (!given || !subdb_) return false;
+    FolderRef from{given};
+    DiskInfoRef fromInfo{from.diskinfo().as<QVRecord>()};
+    QVRecordRef folder = QVFolderCreate(QVStorageDefault(), URLValue{from.mountpoint().toURLPath()});
+    QVRecordRef diskinfo = QVDiskInfoForFolder(folder);
+    if (!diskinfo) return false;
+    FolderRef f{folder};
+    DiskInfoRef info{diskinfo};
+    info.setUrl(fromInfo.url());
+    info.setFilesystem(fromInfo.filesystem());
+    info.setEncryption(fromInfo.encryption());
+    f.setDiskinfo(Value(diskinfo));
+    f.setEncrypted(from.encrypted());
+    f.setPassword(from.password());
+    f.setMountpoint(from.mountpoint());
+    QVRecordRef imported = QVFolderFaceCreate(folder);
+    FolderFaceRef{imported}.setLocked(FolderFaceRef{face}.locked());
+
+    selectNothing();
+    faces_.push_back(imported);
+    search_.clear();
+    showsEmptyList_ = false;
+    f.setPosition(Value(int64_t(faces_.size())));
+    QVRecordSetSubdb(folder, subdb_);
+    observeFolderFace(imported);
+    return queueTask(makers_.import ? makers_.import(imported) : nullptr, "import");
 }
 
 bool FolderList::toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld) {

@@ -57,6 +57,12 @@ public:
     // when the set refuses the folder (logged, nothing shown) or no task could be
     // queued.
     bool encryptFolder(const QVRecordRef& folder);
+    // An image imported as it lies (the import screen's face, whose folder
+    // carries the image's url, settings, encrypted password and mount point):
+    // a new folder of the default storage with a face at the end of the list,
+    // in the set on show, and an import task queued that adds it to the set.
+    // False when no set is on show or no task could be queued.
+    bool importSparseBundle(const QVRecordRef& face);
     // The row's switch was flipped (its binding has already changed `locked`):
     // `locked` is set back to the folder's real state and the task that changes
     // it is queued: locking for an unlocked folder, unlocking (opening it after
@@ -103,6 +109,7 @@ public:
         std::function<OperationRef(const QVRecordRef& face)> decrypt;
         std::function<OperationRef(const QVRecordRef& face)> lock;
         std::function<OperationRef(const QVRecordRef& face, bool openFolder)> unlock;
+        std::function<OperationRef(const QVRecordRef& face)> import;
     };
     void setTaskMakers(TaskMakers makers) { makers_ = std::move(makers); }
     // The task that measures a folder again (a volume below its path came or

@@ -7,7 +7,9 @@
 #include "deniability/PDAssistant.h"
 #include "tasks/EncryptFolderTask.h"
 #include "tasks/FolderActionsRunner.h"
+#include "tasks/ImportSparseBundleTask.h"
 #include "tasks/LockFolderTask.h"
+#include "tasks/StatFolderTask.h"
 #include "tasks/UnlockFolderTask.h"
 
 namespace qv {
@@ -22,7 +24,13 @@ void QVConnectLayers() {
     makers.unlock = [](const QVRecordRef& face, bool openFolder) {
         return UnlockFolderTask::taskWithFolderFace(face, openFolder);
     };
+    makers.import = [](const QVRecordRef& face) { return ImportSparseBundleTask::taskWithFolderFace(face, nullptr); };
     FolderList::singleton().setTaskMakers(std::move(makers));
+    // Measuring a folder again: after its unlock, and when a volume below its
+    // path came or went.
+    auto measure = [](const QVRecordRef& face) { return StatFolderTask::taskWithFolderFace(face, true); };
+    UnlockFolderTask::setStatTaskMaker(measure);
+    FolderList::singleton().setStatTaskMaker(measure);
 
     PDAssistantHost host;
     host.backupDatabase = [] { return backupQuillvaneDatabase(); };

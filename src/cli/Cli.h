@@ -50,5 +50,20 @@ int cmdStatus(const std::vector<std::string>& args);
 int cmdActions(const std::vector<std::string>& args);
 int cmdUpgrade(const std::vector<std::string>& args);
 int cmdShow(const std::vector<std::string>& args);
+int cmdCompact(const std::vector<std::string>& args);
+int cmdResize(const std::vector<std::string>& args);
+int cmdMove(const std::vector<std::string>& args);
+int cmdIndex(const std::vector<std::string>& args);
+int cmdInfo(const std::vector<std::string>& args);
+int cmdImport(const std::vector<std::string>& args);
+
+class FolderSession;
+// Imports the sparse bundle at `image` with `folder` (empty) as its mount
+// point into the session's set, its password read twice on the terminal (once
+// from a pipe); prints "imported<TAB><folder>". The exit code.
+int importSparseBundle(FolderSession& session, const std::string& image, const std::string& folder);
+// Where `qv encrypt` mounts a sparse bundle it imports: a folder beside the
+// image, named after it without its extension.
+std::string defaultImportMountPoint(const std::string& image);
 
 } // namespace qv::cli

@@ -1,5 +1,8 @@
 // qv encrypt | unlock | lock | status: the everyday cycle of a folder, run as
 // the same tasks on the same queue as in the desktop application.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "app/FolderIntake.h"
@@ -9,6 +12,7 @@
 #include "cli/Cli.h"
 #include "cli/FolderSession.h"
 #include "disk/FolderState.h"
+#include "disk/URLHelpers.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 
@@ -25,6 +29,16 @@ QVRecordRef folderOf(const QVRecordRef& face) { return FolderFaceRef{face}.folde
 int usage(const char* text) {
     complain(std::string("usage: ") + text);
     return ExitUsage;
+}
+
+// qv encrypt of a sparse bundle: imported with a folder beside it, named after
+// it, as its mount point; a folder made here goes again when the import fails.
+int importBeside(FolderSession& session, const std::string& image) {
+    const std::string folder = defaultImportMountPoint(image);
+    const bool made = ::mkdir(folder.c_str(), 0755) == 0;
+    const int code = importSparseBundle(session, image, folder);
+    if (code != ExitOK && made) ::rmdir(folder.c_str());
+    return code;
 }
 
 } // namespace
@@ -56,6 +70,12 @@ int cmdEncrypt(const std::vector<std::string>& args) {
                 std::printf("encrypted\t%s\n", path.c_str());
                 continue;
             }
+        }
+        if (isSparseBundle(path)) {
+            // An image made elsewhere is imported where it lies, not encrypted
+            // a second time: mounted on an empty folder beside it.
+            if (int code = importBeside(session, path); code != ExitOK) result = code;
+            continue;
         }
         if (!isGoodFolderAtURL(path, &error)) {
             if (!error.empty()) complain("'" + path + "': " + error.description);
@@ -173,11 +193,7 @@ int cmdStatus(const std::vector<std::string>& args) {
         FolderFaceRef ff{face};
         FolderRef folder{folderOf(face)};
         const std::string status = ff.statusText().toString();
-        // A dead volume can't be examined, so its folder also shows as missing.
-        const char* state = QVFolderIsDamaged(face)                  ? "damaged"
-                            : QVIsErrorStatusColor(ff.statusColor()) ? "missing"
-                            : ff.locked().toBool()                   ? "locked"
-                                                                     : "unlocked";
+        const char* state = FolderSession::stateWord(face);
         const char* task = FolderTaskMark::isHeld(folder.uuid().toString()) ? "busy"
                            : !folder.encrypted().toBool()                    ? "unfinished"
                                                                              : "-";

@@ -12,14 +12,16 @@
 #include <filesystem>
 #include <map>
 
-#include "tasks/TaskQueue.h"
+#include "app/FolderList.h"
+#include "app/InterruptedWork.h"
 #include "cli/Cli.h"
 #include "cli/PasswordInput.h"
-#include "tasks/BaseFolderTask.h"
-#include "app/FolderList.h"
 #include "notify/NotificationConsole.h"
 #include "notify/QVNotificationCenter.h"
+#include "tasks/BaseFolderTask.h"
+#include "tasks/TaskQueue.h"
 #include "vault/DBSubdb.h"
+#include "vault/FacePresentation.h"
 #include "vault/Schemas.h"
 
 namespace qv::cli {
@@ -157,6 +159,36 @@ bool FolderSession::claim(const QVRecordRef& folder) {
     }
     marks_.push_back(std::move(mark));
     return true;
+}
+
+QVRecordRef FolderSession::claimFace(const std::string& path, int* exitCode) {
+    QVRecordRef face = faceForPath(path);
+    if (!face) {
+        complain("'" + absolutePath(path) + "' is not a folder of this Folder Set");
+    } else if (claim(FolderFaceRef{face}.folder().as<QVRecord>())) {
+        return face;
+    }
+    *exitCode = ExitRefused;
+    return nullptr;
+}
+
+bool FolderSession::runTask(const OperationRef& operation) {
+    QVError error;
+    if (!operation || !addFolderTask(QVAppOperationQueue(), operation, &error)) {
+        complain("couldn't start the task: " + error.description);
+        return false;
+    }
+    waitForTasks();
+    return true;
+}
+
+const char* FolderSession::stateWord(const QVRecordRef& face) {
+    FolderFaceRef ff{face};
+    // A dead volume can't be examined, so its folder also shows as missing.
+    return QVFolderIsDamaged(face)                  ? "damaged"
+           : QVIsErrorStatusColor(ff.statusColor()) ? "missing"
+           : ff.locked().toBool()                   ? "locked"
+                                                    : "unlocked";
 }
 
 bool FolderSession::waitForTasks() {

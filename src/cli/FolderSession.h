@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/FolderTaskMark.h"
+#include "toolkit/OperationQueue.h"
 #include "vault/DBMaster.h"
 #include "vault/QVRecord.h"
 
@@ -37,6 +38,18 @@ public:
     // Marks the folder as worked on by this process, for the session's length.
     // False, after a complaint, when another process works on it.
     bool claim(const QVRecordRef& folder);
+    // The face of the folder at `path`, claimed for this process; null after a
+    // complaint (not a folder of the set, or another process works on it), with
+    // ExitRefused in *exitCode.
+    QVRecordRef claimFace(const std::string& path, int* exitCode);
+
+    // Queues a task's operation on the process's task queue and waits for the
+    // queue to empty (waitForTasks). False after a complaint when it could not
+    // be queued.
+    bool runTask(const OperationRef& operation);
+
+    // The state word of `qv status`: "damaged", "missing", "locked" or "unlocked".
+    static const char* stateWord(const QVRecordRef& face);
 
     // Turns the event loop until the task queue is empty, showing progress and
     // cancelling the running tasks on Ctrl-C. True unless Ctrl-C was pressed.

@@ -36,6 +36,17 @@ const char* kUsage =
     "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
     "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
     "  qv actions <folder> remove unlock|lock <number>\n"
+    "\n"
+    "Images (compact and resize lock the folder for the work and unlock it after):\n"
+    "  qv compact <folder>            give the image's unused space back to the disk\n"
+    "  qv resize <folder> <size>      grow the image to SIZE (like 20G)\n"
+    "  qv move <folder> <directory>   move a locked folder's image into DIRECTORY\n"
+    "  qv index <folder> [on|off]     search indexing of an unlocked folder, or its state\n"
+    "  qv info <folder>               image path, capacity, size on disk, size used, state, indexing\n"
+    "  qv import <image.sparsebundle> <empty folder>\n"
+    "                                 protect an existing image where it lies (its password\n"
+    "                                 typed twice); qv encrypt of an image does the same\n"
+    "                                 with a folder beside it\n"
     "  Ctrl-C cancels a running task or the upgrade; the folder, or the database, is\n"
     "  left as it was.\n"
     "\n"
@@ -83,6 +94,12 @@ int main(int argc, char** argv) {
     if (command == "lock") return qv::cli::cmdLock(args);
     if (command == "status") return qv::cli::cmdStatus(args);
     if (command == "actions") return qv::cli::cmdActions(args);
+    if (command == "compact") return qv::cli::cmdCompact(args);
+    if (command == "resize") return qv::cli::cmdResize(args);
+    if (command == "move") return qv::cli::cmdMove(args);
+    if (command == "index") return qv::cli::cmdIndex(args);
+    if (command == "info") return qv::cli::cmdInfo(args);
+    if (command == "import") return qv::cli::cmdImport(args);
     if (command == "help") {
         std::fputs(kUsage, stdout);
         return qv::cli::ExitOK;

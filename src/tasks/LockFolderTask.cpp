@@ -65,17 +65,7 @@ OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
 
     // 3. The unmount; never forced.
     if (!error) {
-        bool locked = true;
-        performBlockOnMainThread(
-            [&] {
-                face.setProgressIndeterminate(Value(true));
-                face.setProgressAnimate(Value(true));
-                QVSetFaceStatusText(folderFace, "Locking...", false);
-                // Read here, after whatever the sanity check posted.
-                locked = face.locked().toBool();
-            },
-            true);
-        if (!locked) {
+        if (!showLockingAndReadLocked(folderFace)) {
             QVError unmountError;
             if (!DiskMaster::unmountDiskForFolderFace(folderFace, "", false, true, &unmountError)) {
                 QV_LOG_ERROR(QVFormat("failed to unmount '%s': %s", name.c_str(), unmountError.description.c_str()));
@@ -101,6 +91,21 @@ OperationResult LockFolderTask::go(const QVRecordRef& folderFace) {
     performBlockOnMainThread([folderFace] { FolderFaceRef{folderFace}.setLockErrorDate(now()); }, false);
     centre.postAlert(words, true);
     return error;
+}
+
+bool LockFolderTask::showLockingAndReadLocked(const QVRecordRef& folderFace) {
+    bool locked = true;
+    performBlockOnMainThread(
+        [&] {
+            FolderFaceRef face{folderFace};
+            face.setProgressIndeterminate(Value(true));
+            face.setProgressAnimate(Value(true));
+            QVSetFaceStatusText(folderFace, "Locking...", false);
+            // Read here, after whatever the sanity check posted.
+            locked = face.locked().toBool();
+        },
+        true);
+    return locked;
 }
 
 OperationResult LockFolderTask::executeLockActions(const QVRecordRef& folderFace) {

@@ -21,6 +21,10 @@ public:
     // and returns its error, nothing on success.
     OperationResult executeLockActions(const QVRecordRef& folderFace);
 
+    // The row shows "Locking..." with an animated bar (main thread, waiting);
+    // answers the face's `locked` as it stands then.
+    static bool showLockingAndReadLocked(const QVRecordRef& folderFace);
+
     // "The folder '<name>' could not be locked because it is being used by:"
     // and a line for each process that holds something under the mount point
     // (by lsof), each name once. A shell ("bash") is shown under the name of

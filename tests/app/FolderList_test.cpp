@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "vault/UserDefaults.h"
+#include "disk/FolderState.h"
+#include "disk/StorageLocations.h"
 #include "support/QtApp.h"
 #include "support/TempHome.h"
 #include "tasks/BaseFolderTask.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
+#include "vault/UserDefaults.h"
 
 namespace qv {
 namespace {
@@ -35,6 +37,7 @@ protected:
             .decrypt = [this](const QVRecordRef& f) { return recording("decrypt", f); },
             .lock = [this](const QVRecordRef& f) { return recording("lock", f); },
             .unlock = [this](const QVRecordRef& f, bool open) { return recording(open ? "unlock+open" : "unlock", f); },
+            .import = [this](const QVRecordRef& f) { return recording("import", f); },
         });
     }
     void TearDown() override {
@@ -158,6 +161,41 @@ TEST_F(FolderListTest, ListenersHearEveryChangeOfTheRowsAndRestoreNeedsItsMaker)
     list.setTaskMakers({});
     EXPECT_FALSE(list.canDecrypt());
     EXPECT_FALSE(list.decryptFolderOfFolderFace(list.faces()[0]));
+}
+
+TEST_F(FolderListTest, AnImportedImageGetsAFolderOfItsOwnAtTheEndAndItsTask) {
+    auto subdb = load({folder("Kept", 0)});
+    list.search("kept");
+    // What the import screen hands over: the image where it lies, its settings,
+    // its password wrapped under the set's, the mount point, locked.
+    QVRecordRef prepared = folder("Archive", 0);
+    QVRecordRef info = QVDiskInfoForFolder(prepared);
+    DiskInfoRef{info}.setUrl(Value(URLValue{home.root() + "/Old/Archive.sparsebundle"}));
+    DiskInfoRef{info}.setFilesystem(Value("HFS+"));
+    DiskInfoRef{info}.setEncryption(Value("AES"));
+    FolderRef{prepared}.setDiskinfo(Value(info));
+    FolderRef{prepared}.setEncrypted(Value(true));
+    FolderRef{prepared}.setPassword(Value(Bytes{1, 2, 3}));
+    QVRecordRef face = QVFolderFaceCreate(prepared);
+    FolderFaceRef{face}.setLocked(Value(true));
+
+    ASSERT_TRUE(list.importSparseBundle(face));
+    EXPECT_EQ(tasks(), std::vector<std::string>{"import Archive"});
+    ASSERT_EQ(list.faces().size(), 2u);
+    const QVRecordRef imported = FolderFaceRef{list.faces().back()}.folder().as<QVRecord>();
+    EXPECT_NE(imported, prepared) << "a folder of its own";
+    EXPECT_NE(FolderRef{imported}.uuid().toString(), FolderRef{prepared}.uuid().toString());
+    DiskInfoRef diskinfo{FolderRef{imported}.diskinfo().as<QVRecord>()};
+    EXPECT_EQ(diskinfo.url().toURLPath(), home.root() + "/Old/Archive.sparsebundle") << "the image stays where it lies";
+    EXPECT_EQ(diskinfo.filesystem().toString(), "HFS+");
+    EXPECT_EQ(diskinfo.encryption().toString(), "AES");
+    EXPECT_EQ(FolderRef{imported}.password().toData(), (Bytes{1, 2, 3}));
+    EXPECT_TRUE(FolderRef{imported}.encrypted().toBool());
+    EXPECT_EQ(FolderRef{imported}.mountpoint().toURLPath(), home.root() + "/Archive");
+    EXPECT_TRUE(FolderFaceRef{list.faces().back()}.locked().toBool());
+    EXPECT_EQ(QVRecordGetSubdb(imported), subdb);
+    EXPECT_EQ(list.searchText(), "") << "a new row clears the filter";
+    EXPECT_EQ(subdb->folders().size(), 1u) << "the task adds it to the set, not the list";
 }
 
 } // namespace
