@@ -1,10 +1,12 @@
 #include "app/LayerWiring.h"
 
+#include "app/AutoUnlockCount.h"
 #include "app/Backup.h"
 #include "app/FolderList.h"
 #include "app/Startup.h"
 #include "automation/ActionsManager.h"
 #include "deniability/PDAssistant.h"
+#include "tasks/DecryptFolderTask.h"
 #include "tasks/EncryptFolderTask.h"
 #include "tasks/FolderActionsRunner.h"
 #include "tasks/LockFolderTask.h"
@@ -18,11 +20,13 @@ void QVConnectLayers() {
 
     FolderList::TaskMakers makers;
     makers.encrypt = [](const QVRecordRef& face) { return EncryptFolderTask::taskWithFolderFace(face); };
+    makers.decrypt = [](const QVRecordRef& face) { return DecryptFolderTask::taskWithFolderFace(face); };
     makers.lock = [](const QVRecordRef& face) { return LockFolderTask::taskWithFolderFace(face); };
     makers.unlock = [](const QVRecordRef& face, bool openFolder) {
         return UnlockFolderTask::taskWithFolderFace(face, openFolder);
     };
     FolderList::singleton().setTaskMakers(std::move(makers));
+    DecryptFolderTask::setAutounlockCounter([](int64_t delta) { AutoUnlockCount::increment(delta); });
 
     PDAssistantHost host;
     host.backupDatabase = [] { return backupQuillvaneDatabase(); };
