@@ -164,6 +164,11 @@ bool FolderList::queueTask(const OperationRef& operation, const char* what) {
     return true;
 }
 
+OperationRef FolderList::restoreFolderFace(const QVRecordRef& face) {
+    OperationRef operation = face && makers_.decrypt ? makers_.decrypt(face) : nullptr;
+    return queueTask(operation, "restoring") ? operation : nullptr;
+}
+
 bool FolderList::encryptFolder(const QVRecordRef& folder) {
     if (!folder || !subdb_) return false;
     FolderRef f{folder};

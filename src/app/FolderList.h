@@ -61,6 +61,9 @@ public:
     // it is queued: locking for an unlocked folder, unlocking (opening it after
     // as shouldOpenFolderInFinder says) for a locked one.
     bool toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld = false);
+    // The user restores a folder: its restoring task is queued. The task's
+    // operation, or null when none could be queued.
+    OperationRef restoreFolderFace(const QVRecordRef& face);
     // Takes the face out of the list and its folder out of the set, and saves the
     // set (a failed save is not reported).
     void removeFolderFace(const QVRecordRef& face) override;

@@ -45,5 +45,7 @@ int cmdLock(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
 int cmdActions(const std::vector<std::string>& args);
 int cmdUpgrade(const std::vector<std::string>& args);
+int cmdRestore(const std::vector<std::string>& args);
+int cmdForget(const std::vector<std::string>& args);
 
 } // namespace qv::cli

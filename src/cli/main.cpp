@@ -12,37 +12,40 @@
 
 namespace {
 
-const char* kUsage =
-    "usage: qv [--verbose] <command> [arguments]\n"
-    "\n"
-    "Folder Sets (passwords are typed on the terminal, or read one per line from\n"
-    "standard input when it is not a terminal; never given as arguments):\n"
-    "  qv set create [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
-    "                     make a new Folder Set (the password typed twice); the first\n"
-    "                     set of a new database also gets the fake sets and images\n"
-    "  qv set check       does a password open a Folder Set? (exit status 0 or 3)\n"
-    "  qv set passwd      change a Folder Set's password (current, then new)\n"
-    "  qv folders         list the folders of the set a password opens\n"
-    "  qv backup          copy the master file into the Backups folder\n"
-    "  qv upgrade [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
-    "                     add the fake sets and images a database must have (SIZE like\n"
-    "                     2G, 600M or 0; 0 needs --yes without a terminal)\n"
-    "\n"
-    "Folders (of the set the password opens):\n"
-    "  qv encrypt <folder>...         protect folders: their contents move into images\n"
-    "  qv unlock <folder>... [--open] mount each folder's image on its path\n"
-    "  qv lock <folder>...            take each folder's image away again\n"
-    "  qv status                      every folder: state, size, whether a task runs\n"
-    "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
-    "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
-    "  qv actions <folder> remove unlock|lock <number>\n"
-    "  Ctrl-C cancels a running task or the upgrade; the folder, or the database, is\n"
-    "  left as it was.\n"
-    "\n"
-    "  --verbose          also print the log on standard error\n"
-    "  --help             this text\n"
-    "\n"
-    "Exit status: 0 success, 1 failure, 2 usage, 3 wrong password, 4 refused.\n";
+const char* kUsage = "usage: qv [--verbose] <command> [arguments]\n"
+                     "\n"
+                     "Folder Sets (passwords are typed on the terminal, or read one per line from\n"
+                     "standard input when it is not a terminal; never given as arguments):\n"
+                     "  qv set create [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
+                     "                     make a new Folder Set (the password typed twice); the first\n"
+                     "                     set of a new database also gets the fake sets and images\n"
+                     "  qv set check       does a password open a Folder Set? (exit status 0 or 3)\n"
+                     "  qv set passwd      change a Folder Set's password (current, then new)\n"
+                     "  qv folders         list the folders of the set a password opens\n"
+                     "  qv backup          copy the master file into the Backups folder\n"
+                     "  qv upgrade [--fake-space SIZE] [--fake-plan random|small|large] [--yes]\n"
+                     "                     add the fake sets and images a database must have (SIZE like\n"
+                     "                     2G, 600M or 0; 0 needs --yes without a terminal)\n"
+                     "\n"
+                     "Folders (of the set the password opens):\n"
+                     "  qv encrypt <folder>...         protect folders: their contents move into images\n"
+                     "  qv unlock <folder>... [--open] mount each folder's image on its path\n"
+                     "  qv lock <folder>...            take each folder's image away again\n"
+                     "  qv status                      every folder: state, size, whether a task runs\n"
+                     "  qv restore <folder>...         take folders out of protection: their files back\n"
+                     "                                 at their paths, their images to the Trash\n"
+                     "  qv forget <folder>             give a folder up: its image moved to a place you\n"
+                     "                                 choose, its password written beside it\n"
+                     "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
+                     "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
+                     "  qv actions <folder> remove unlock|lock <number>\n"
+                     "  Ctrl-C cancels a running task or the upgrade; the folder, or the database, is\n"
+                     "  left as it was.\n"
+                     "\n"
+                     "  --verbose          also print the log on standard error\n"
+                     "  --help             this text\n"
+                     "\n"
+                     "Exit status: 0 success, 1 failure, 2 usage, 3 wrong password, 4 refused.\n";
 
 } // namespace
 
@@ -77,6 +80,8 @@ int main(int argc, char** argv) {
     if (command == "unlock") return qv::cli::cmdUnlock(args);
     if (command == "lock") return qv::cli::cmdLock(args);
     if (command == "status") return qv::cli::cmdStatus(args);
+    if (command == "restore") return qv::cli::cmdRestore(args);
+    if (command == "forget") return qv::cli::cmdForget(args);
     if (command == "actions") return qv::cli::cmdActions(args);
     if (command == "help") {
         std::fputs(kUsage, stdout);
