@@ -5,12 +5,16 @@
 // folder against its image, for the tests of qv encrypt and qv restore.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cli/CliSupport.h"
@@ -133,6 +137,27 @@ protected:
         auto diffs = differencesInImage(reference, mnt);
         sandbox.detach(mnt);
         return diffs;
+    }
+    // Starts `qv encrypt` of the world's folder and kills it, and what it left
+    // running, as a crash would, at `moment`: "creating" (the image being made
+    // in Temp), "image in place" (in the storage) or "in the Trash" (the
+    // original moved there); or once it ended, if it was quicker.
+    void killEncryptAt(const World& w, const std::string& moment) {
+        const pid_t pid = w.startEncrypt(nullptr);
+        ASSERT_GT(pid, 0);
+        for (int i = 0; i < 60000; ++i) {
+            if (::waitpid(pid, nullptr, WNOHANG) == pid) break;
+            const bool reached = moment == "creating"         ? listDirectory(w.data() + "/Data/Temp").size() >= 2
+                                 : moment == "image in place" ? !w.images().empty()
+                                                              : fs::exists(w.trashed());
+            if (reached) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        sandbox.killImageProcesses();
+        for (const auto& m : mountTable())
+            if (m.mountPoint.rfind(sandbox.root() + "/", 0) == 0) lazyUnmount(m.mountPoint);
     }
     ImageSandbox sandbox;
     int checks = 0;

@@ -151,23 +151,7 @@ TEST_F(QvEncrypt, EncryptingAnUnfinishedFolderAgainFinishesIt) {
         SCOPED_TRACE(moment);
         World w(sandbox, "again-" + std::to_string(++worlds));
         const std::string before = reference(w);
-        const pid_t pid = w.startEncrypt(nullptr);
-        ASSERT_GT(pid, 0);
-        // Waits for the moment, then kills the process there.
-        const std::string what = moment;
-        for (int i = 0; i < 60000; ++i) {
-            if (::waitpid(pid, nullptr, WNOHANG) == pid) break;
-            const bool reached = what == "creating"         ? listDirectory(w.data() + "/Data/Temp").size() >= 2
-                                 : what == "image in place" ? !w.images().empty()
-                                                            : fs::exists(w.trashed());
-            if (reached) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        sandbox.killImageProcesses();
-        for (const auto& m : mountTable())
-            if (m.mountPoint.rfind(sandbox.root() + "/", 0) == 0) lazyUnmount(m.mountPoint);
+        killEncryptAt(w, moment);
 
         auto r = w.qv({"status"});
         if (r.out.find("\tunfinished\t" + w.folder + "\n") == std::string::npos) continue; // died before or after
