@@ -124,14 +124,16 @@ TEST_F(QvRestore, AFailedRestoreDeletesOnlyTheCopiedNamesAndOffersTheRescue) {
     std::string password, why;
     const std::string image = imageOf(w, &password, &why);
     ASSERT_FALSE(image.empty()) << why;
-    {
+    // The file's indirect block pointed past the disk's end: reading it fails.
+    // (A mount that meets the damage may mend it, so it is done before each restore.)
+    auto damage = [&] {
         std::string dev;
         ASSERT_EQ(sandbox.attachNoMount(image, password, &dev).exitCode, 0);
-        // The file's indirect block pointed past the disk's end: reading it fails.
         auto r = runProcess({"/usr/sbin/debugfs", "-w", "-R", "sif /zz-damaged block[IND] 2000000000", dev}, "");
         EXPECT_EQ(r.exitCode, 0) << r.err;
         sandbox.detach(dev, true);
-    }
+    };
+    damage();
     std::ofstream(w.folder + "/not the image's.txt") << "stays"; // root writes into the read-only folder
 
     auto r = w.qv({"restore", w.folder});
@@ -146,8 +148,10 @@ TEST_F(QvRestore, AFailedRestoreDeletesOnlyTheCopiedNamesAndOffersTheRescue) {
     EXPECT_EQ(diffs, std::vector<std::string>{}) << "every other file whole in the image";
 
     const std::string place = sandbox.makeDir("failed/rescued");
+    damage();
     r = w.qv({"restore", w.folder}, w.password + "\n" + place + "\n");
     EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(namesIn(w.folder), std::vector<std::string>{"not the image's.txt"});
     EXPECT_TRUE(fs::exists(place + "/My Files.sparsebundle")) << r.err;
     EXPECT_EQ(readFile(place + "/My Files - PASSWORD (DELETE ME!).txt"), password);
     EXPECT_EQ(w.qv({"folders"}).out, "") << "the rescued folder left the set";
