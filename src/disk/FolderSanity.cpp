@@ -21,7 +21,6 @@ namespace qv {
 
 namespace {
 
-constexpr uint64_t QVSizeFailed = UINT64_MAX;
 // Progress of a size walk is reported past every mark; the next mark is set this
 // far beyond the total that passed the last one.
 constexpr uint64_t QVSizeReportStep = 209715200;  // 200 MiB

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 
-#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -32,8 +31,6 @@ namespace {
 constexpr unsigned kRestoreCopyOptions =
     QVFileOperationOverwrite | QVFileOperationSkipSourcePermissionErrors | QVFileOperationSkipPreflight;
 static_assert(kRestoreCopyOptions == 11);
-
-constexpr uint64_t kSizeFailed = UINT64_MAX;
 
 QVError appError(long code, const std::string& text) { return QVError{QVAppErrorDomain(), code, text}; }
 
@@ -180,7 +177,7 @@ OperationResult DecryptFolderTask::go(const QVRecordRef& folderFace) {
     if (!error) {
         QVError sizeError;
         size = folderSizeOfFolderFace(folderFace, rescuePath, true, &sizeError);
-        if (size == kSizeFailed) {
+        if (size == QVSizeFailed) {
             QV_LOG_ERROR(QVFormat("failed to calc size of '%s': %s", name.c_str(), sizeError.description.c_str()));
             error = sizeError;
         }
