@@ -41,7 +41,9 @@ bool detachDeadOrOrphan(const std::string& path, const char* what) {
 // it stays) is taken away, then the folder and its owner file go.
 void cleanRescueFolder(const std::string& path) {
     if (QVRescueFolderIsClaimed(path)) return;
-    if (isVolumeAtURL(path, nullptr) && !detachDeadOrOrphan(path, "volume of a dead restore")) return;
+    if ((isVolumeAtURL(path, nullptr) || isDeadVolumeAtURL(path)) &&
+        !detachDeadOrOrphan(path, "volume of a dead restore"))
+        return;
     if (::rmdir(path.c_str()) != 0 && errno != ENOENT) {
         QV_LOG_WARN(QVFormat("couldn't remove '%s': %s", path.c_str(), std::strerror(errno)));
         return;

@@ -83,7 +83,8 @@ TEST_F(QvRestore, BringsEveryFileBackAndForgetsTheFolder) {
 // A user pressing Ctrl-C while the files are being copied out.
 TEST_F(QvRestore, CtrlCDuringTheCopyLeavesTheFolderLockedAndEmpty) {
     World w(sandbox, "cancel");
-    for (int i = 0; i < 4; ++i) writeBytes(w.folder + "/large" + std::to_string(i), patternBytes(10 + i, 48 << 20));
+    // Enough that the copy runs for seconds after the first Ctrl-C.
+    for (int i = 0; i < 4; ++i) writeBytes(w.folder + "/large" + std::to_string(i), patternBytes(10 + i, 128 << 20));
     const std::string before = reference(w);
     ASSERT_EQ(w.qv({"encrypt", w.folder}).exitCode, 0);
     int err = -1;
@@ -177,6 +178,9 @@ TEST_F(QvRestore, AKilledRestoreIsFinishedByTheNextOne) {
         ASSERT_GT(pid, 0);
         std::this_thread::sleep_for(total * at);
         kill9(pid);
+        // The user comes back a moment later: a mount the dead process had
+        // asked for has then stood up on its rescue folder, unclaimed.
+        std::this_thread::sleep_for(std::chrono::seconds(3));
         if (w.qv({"folders"}).out.empty()) { // it ended before the kill
             expectRestored(w, before);
             continue;
