@@ -5,7 +5,7 @@ FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc)
 GEN        := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build run install check test asan fuzz-build fuzz fuzz-short bench bench-image bench-encrypt clean
+.PHONY: all deps build run install check test asan fuzz-build fuzz fuzz-short bench bench-image bench-encrypt bench-restore clean
 
 all: build
 
@@ -65,3 +65,7 @@ bench-image: build
 # Encrypting a folder with qv against cp -a into a mounted image (not part of check).
 bench-encrypt: build
 	bench/encrypt_bench.sh $(BUILD)
+
+# Restoring a folder with qv against cp -a out of a mounted image (not part of check).
+bench-restore: build
+	bench/restore_bench.sh $(BUILD)

@@ -167,6 +167,11 @@ bool FolderList::queueTask(const OperationRef& operation, const char* what) {
     return true;
 }
 
+OperationRef FolderList::restoreFolderFace(const QVRecordRef& face) {
+    OperationRef operation = face && makers_.decrypt ? makers_.decrypt(face) : nullptr;
+    return queueTask(operation, "restoring") ? operation : nullptr;
+}
+
 bool FolderList::encryptFolder(const QVRecordRef& folder) {
     if (!folder || !subdb_) return false;
     FolderRef f{folder};
@@ -224,11 +229,6 @@ bool FolderList::toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shif
     if (!locked) return queueTask(makers_.lock ? makers_.lock(face) : nullptr, "locking");
     const bool open = shouldOpenFolderInFinder(face, shiftHeld);
     return queueTask(makers_.unlock ? makers_.unlock(face, open) : nullptr, "unlocking");
-}
-
-bool FolderList::decryptFolderOfFolderFace(const QVRecordRef& face) {
-    if (!face) return false;
-    return queueTask(makers_.decrypt ? makers_.decrypt(face) : nullptr, "restoring");
 }
 
 bool FolderList::statFolderFace(const QVRecordRef& face) {

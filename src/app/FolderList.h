@@ -69,9 +69,10 @@ public:
     // as shouldOpenFolderInFinder says) for a locked one.
     bool toggleFolderLockOfFolderFace(const QVRecordRef& face, bool shiftHeld = false);
     // The user restores the folder (its contents back in place of the image): a
-    // restoring task is queued at once, with no question asked here. False when
-    // no restoring task can be made yet or the queue refuses it.
-    bool decryptFolderOfFolderFace(const QVRecordRef& face);
+    // restoring task is queued at once, with no question asked here. The task's
+    // operation, or null when no restoring task can be made yet or the queue
+    // refuses it.
+    OperationRef restoreFolderFace(const QVRecordRef& face);
     // Whether a restoring task can be made (its maker is installed).
     bool canDecrypt() const { return bool(makers_.decrypt); }
     // Takes the face out of the list and its folder out of the set, and saves the

@@ -1,10 +1,12 @@
 #include "app/LayerWiring.h"
 
+#include "app/AutoUnlockCount.h"
 #include "app/Backup.h"
 #include "app/FolderList.h"
 #include "app/Startup.h"
 #include "automation/ActionsManager.h"
 #include "deniability/PDAssistant.h"
+#include "tasks/DecryptFolderTask.h"
 #include "tasks/EncryptFolderTask.h"
 #include "tasks/FolderActionsRunner.h"
 #include "tasks/ImportSparseBundleTask.h"
@@ -20,6 +22,7 @@ void QVConnectLayers() {
 
     FolderList::TaskMakers makers;
     makers.encrypt = [](const QVRecordRef& face) { return EncryptFolderTask::taskWithFolderFace(face); };
+    makers.decrypt = [](const QVRecordRef& face) { return DecryptFolderTask::taskWithFolderFace(face); };
     makers.lock = [](const QVRecordRef& face) { return LockFolderTask::taskWithFolderFace(face); };
     makers.unlock = [](const QVRecordRef& face, bool openFolder) {
         return UnlockFolderTask::taskWithFolderFace(face, openFolder);
@@ -31,6 +34,7 @@ void QVConnectLayers() {
     auto measure = [](const QVRecordRef& face) { return StatFolderTask::taskWithFolderFace(face, true); };
     UnlockFolderTask::setStatTaskMaker(measure);
     FolderList::singleton().setStatTaskMaker(measure);
+    DecryptFolderTask::setAutounlockCounter([](int64_t delta) { AutoUnlockCount::increment(delta); });
 
     PDAssistantHost host;
     host.backupDatabase = [] { return backupQuillvaneDatabase(); };

@@ -65,5 +65,7 @@ int importSparseBundle(FolderSession& session, const std::string& image, const s
 // Where `qv encrypt` mounts a sparse bundle it imports: a folder beside the
 // image, named after it without its extension.
 std::string defaultImportMountPoint(const std::string& image);
+int cmdRestore(const std::vector<std::string>& args);
+int cmdForget(const std::vector<std::string>& args);
 
 } // namespace qv::cli

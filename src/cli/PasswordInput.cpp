@@ -56,6 +56,17 @@ std::optional<std::string> PasswordInput::read(const char* prompt) {
     return line;
 }
 
+std::optional<std::string> PasswordInput::readText(const char* prompt) {
+    if (!interactive_) return readLine(STDIN_FILENO);
+    int tty = ::open("/dev/tty", O_RDWR | O_CLOEXEC);
+    int fd = tty >= 0 ? tty : STDIN_FILENO;
+    if (::write(fd, prompt, std::char_traits<char>::length(prompt)) < 0) { /* the prompt is a courtesy */
+    }
+    auto line = readLine(fd);
+    if (tty >= 0) ::close(tty);
+    return line;
+}
+
 std::optional<std::string> PasswordInput::readNew(const char* prompt, const char* again, bool* mismatch) {
     if (mismatch) *mismatch = false;
     auto first = read(prompt);

@@ -15,6 +15,9 @@ public:
     // A new password: typed twice on a terminal (both must match), read once otherwise.
     // nullopt with `mismatch` set when the two differ.
     std::optional<std::string> readNew(const char* prompt, const char* again, bool* mismatch);
+    // A line of text that is no secret (a path, an answer): typed on the
+    // terminal with echo, or the next line of standard input.
+    std::optional<std::string> readText(const char* prompt);
     bool interactive() const { return interactive_; }
 
 private:

@@ -33,6 +33,10 @@ const char* kUsage =
     "  qv unlock <folder>... [--open] mount each folder's image on its path\n"
     "  qv lock <folder>...            take each folder's image away again\n"
     "  qv status                      every folder: state, size, whether a task runs\n"
+    "  qv restore <folder>...         take folders out of protection: their files back\n"
+    "                                 at their paths, their images to the Trash\n"
+    "  qv forget <folder>             give a folder up: its image moved to a place you\n"
+    "                                 choose, its password written beside it\n"
     "  qv actions <folder> [list]     what runs when the folder unlocks or locks\n"
     "  qv actions <folder> add open <item> | quit <app.desktop> | unlock <folder> | lock <folder>\n"
     "  qv actions <folder> remove unlock|lock <number>\n"
@@ -93,6 +97,8 @@ int main(int argc, char** argv) {
     if (command == "unlock") return qv::cli::cmdUnlock(args);
     if (command == "lock") return qv::cli::cmdLock(args);
     if (command == "status") return qv::cli::cmdStatus(args);
+    if (command == "restore") return qv::cli::cmdRestore(args);
+    if (command == "forget") return qv::cli::cmdForget(args);
     if (command == "actions") return qv::cli::cmdActions(args);
     if (command == "compact") return qv::cli::cmdCompact(args);
     if (command == "resize") return qv::cli::cmdResize(args);

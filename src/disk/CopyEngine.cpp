@@ -262,7 +262,7 @@ Outcome copyAndLift(const std::string& source, int dstDir, const std::string& de
     // one of its children's, and a child can't be lifted onto its parent.
     std::string working;
     for (int attempt = 0;; ++attempt) {
-        working = randomName(".qvcopy-");
+        working = randomName(QVCopyWorkingPrefix);
         if (::mkdirat(dstDir, working.c_str(), 0700) == 0) break;
         if (errno != EEXIST || attempt > 20) return {errno, {}};
     }
@@ -320,6 +320,8 @@ bool validName(const std::string& name) {
 }
 
 } // namespace
+
+int QVRemoveTree(const std::string& path) { return removeTree(path); }
 
 const std::vector<std::string>& QVLiftSkipList() {
     static const std::vector<std::string> names{

@@ -89,6 +89,15 @@ bool copyContentsFrom(const std::string& source, const std::string& destination,
 // "lost+found" and ".hidden".
 const std::vector<std::string>& QVLiftSkipList();
 
+// The prefix of the hidden folder in which a copy with `upOneLevel` lands
+// before its children are lifted: one left in a destination holds what a
+// stopped or partial copy did not lift.
+inline constexpr const char* QVCopyWorkingPrefix = ".qvcopy-";
+
+// Removes the item at `path` and all below it, opening up for their owner the
+// folders that are not writable. 0, or the errno of the first failure.
+int QVRemoveTree(const std::string& path);
+
 // Time between two status calls; one second unless a test asks for another.
 void QVCopySetStatusInterval(std::chrono::milliseconds interval);
 

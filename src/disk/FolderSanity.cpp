@@ -21,7 +21,6 @@ namespace qv {
 
 namespace {
 
-constexpr uint64_t QVSizeFailed = UINT64_MAX;
 // Progress of a size walk is reported past every mark; the next mark is set this
 // far beyond the total that passed the last one.
 constexpr uint64_t QVSizeReportStep = 209715200;  // 200 MiB
@@ -152,13 +151,18 @@ long sanityCheckFolderFace(const QVRecordRef& face, QVError* error) {
 }
 
 uint64_t folderSizeOfFolderFace(const QVRecordRef& face, bool updateStatusText, QVError* error) {
+    const std::string mountpoint =
+        face ? FolderRef{FolderFaceRef{face}.folder().as<QVRecord>()}.mountpoint().toURLPath() : std::string();
+    return folderSizeOfFolderFace(face, mountpoint, updateStatusText, error);
+}
+
+uint64_t folderSizeOfFolderFace(const QVRecordRef& face, const std::string& mountpoint, bool updateStatusText,
+                                QVError* error) {
     if (!face) {
         QV_LOG_FAILED("!ff");
         QVSetAppError(error, QVErrorFailed, "Internal Error: Nil parameter passed in.");
         return QVSizeFailed;
     }
-    FolderRef folder{FolderFaceRef{face}.folder().as<QVRecord>()};
-    const std::string mountpoint = folder.mountpoint().toURLPath();
 
     if (updateStatusText) postStatus(face, "Calculating size...", false);
 

@@ -6,6 +6,7 @@
 // QVFolderIsUnlocked is declared with the record makers in vault/FolderState.h and
 // defined here, with the mount test it stands on.
 #include <cstdint>
+#include <string>
 
 #include "toolkit/QVError.h"
 #include "disk/FolderState.h"
@@ -50,8 +51,13 @@ long sanityCheckFolderFace(const QVRecordRef& face, QVError* error);
 // "Calculating... <size so far>" past every 200 MiB mark (the next mark 400 MiB
 // further on), and "Size: <size>" at the end (all posted to the main thread). The
 // walk stops as soon as the face's opCanceled is set ("Cancelling..." with an
-// indeterminate bar when reporting). UINT64_MAX on failure (code -1) or cancel
-// (code 1000).
+// indeterminate bar when reporting). QVSizeFailed on failure (code -1) or
+// cancel (code 1000).
+inline constexpr uint64_t QVSizeFailed = UINT64_MAX;
 uint64_t folderSizeOfFolderFace(const QVRecordRef& face, bool updateStatusText, QVError* error);
+// The same for the volume of the folder's image mounted elsewhere (a restore
+// measures its image on the rescue folder), with the face's status and cancel.
+uint64_t folderSizeOfFolderFace(const QVRecordRef& face, const std::string& mountpoint, bool updateStatusText,
+                                QVError* error);
 
 } // namespace qv

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "disk/RenameAt.h"
 #include "toolkit/Log.h"
@@ -59,6 +60,28 @@ bool QVIsInATrash(const std::string& path, const std::string& homeTrash) {
     const std::string uid = std::to_string(::getuid());
     return trash == homeTrash || QVLastPathComponent(trash) == ".Trash-" + uid ||
            (QVLastPathComponent(trash) == uid && QVLastPathComponent(QVParentPath(trash)) == ".Trash");
+}
+
+std::string QVTrashedItemFrom(const std::string& originalPath) {
+    const QString dataHome = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (dataHome.isEmpty() || originalPath.empty()) return "";
+    const std::string trash = QFile::encodeName(dataHome).toStdString() + "/Trash";
+    static const std::string suffix = ".trashinfo";
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(trash + "/info", ec)) {
+        const std::string note = entry.path().filename().string();
+        if (!note.ends_with(suffix)) continue;
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind("Path=", 0) != 0) continue;
+            const QByteArray path = QByteArray::fromPercentEncoding(QByteArray::fromStdString(line.substr(5)));
+            const std::string item = trash + "/files/" + note.substr(0, note.size() - suffix.size());
+            if (path.toStdString() == originalPath && std::filesystem::exists(std::filesystem::symlink_status(item)))
+                return item;
+            break;
+        }
+    }
+    return "";
 }
 
 bool QVMoveToTrash(const std::string& path, QVError* error, std::string* strayPath) {

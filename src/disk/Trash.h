@@ -19,4 +19,8 @@ bool QVMoveToTrash(const std::string& path, QVError* error, std::string* strayPa
 // `homeTrash`, "<volume>/.Trash/<uid>" or "<volume>/.Trash-<uid>".
 bool QVIsInATrash(const std::string& path, const std::string& homeTrash);
 
+// Where in the home Trash an item moved there from `originalPath` lies now,
+// as its note (info/<name>.trashinfo) says; "" when none is there.
+std::string QVTrashedItemFrom(const std::string& originalPath);
+
 } // namespace qv

@@ -1,11 +1,9 @@
 #include "tasks/EncryptFolderTask.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fcntl.h>
-#include <mutex>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +16,7 @@
 #include "disk/Trash.h"
 #include "notify/AlertPanel.h"
 #include "notify/QVNotificationCenter.h"
+#include "tasks/TrashWait.h"
 #include "toolkit/AtomicFile.h"
 #include "toolkit/Log.h"
 #include "toolkit/MainThread.h"
@@ -38,29 +37,6 @@ constexpr const char* kTrashedText =
     "Trash...\" from the Finder menu.";
 
 QVError appError(long code, const std::string& text) { return QVError{QVAppErrorDomain(), code, text}; }
-
-// What the Trash step reports back to the waiting worker.
-struct TrashOutcome {
-    std::atomic<bool> done{false};
-    std::mutex mutex;
-    bool trashed = false;
-    QVError error;
-    std::string strayPath;  // where the folder went when it was not a Trash
-};
-
-// The Trash is the desktop's, reached on the main thread; sets `done` whatever happens.
-void trashOnMainThread(const std::string& path, const std::shared_ptr<TrashOutcome>& outcome) {
-    QVError error;
-    std::string stray;
-    const bool trashed = QVMoveToTrash(path, &error, &stray);
-    {
-        std::lock_guard lock(outcome->mutex);
-        outcome->trashed = trashed;
-        outcome->error = error;
-        outcome->strayPath = stray;
-    }
-    outcome->done.store(true);
-}
 
 // Makes and wraps the folder's own image password: 30 to 40 characters of
 // printable ASCII, encrypted under the Folder Set's password. The plain form
@@ -223,20 +199,17 @@ OperationResult EncryptFolderTask::go(const QVRecordRef& folderFace) {
     struct stat sourceStat {};
     const bool sourceMode = !error && ::stat(mountpointPath.c_str(), &sourceStat) == 0;
     if (!error) {
-        auto outcome = std::make_shared<TrashOutcome>();
-        performBlockOnMainThread([mountpointPath, outcome] { trashOnMainThread(mountpointPath, outcome); });
-        while (!outcome->done.load()) ::usleep(2000);
-        std::lock_guard lock(outcome->mutex);
-        if (!outcome->trashed) {
+        const QVTrashOutcome outcome = QVTrashOnMainThreadAndWait(mountpointPath);
+        if (!outcome.trashed) {
             QV_LOG_ERROR(
-                QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome->error.description.c_str()));
-            error = appError(outcome->error.code, QVFormat("Failed to trash '%s':\n\n%s", name.c_str(),
-                                                           outcome->error.description.c_str()));
-        } else if (!outcome->strayPath.empty()) {
+                QVFormat("failed to trash '%s': %s", mountpointPath.c_str(), outcome.error.description.c_str()));
+            error = appError(outcome.error.code,
+                             QVFormat("Failed to trash '%s':\n\n%s", name.c_str(), outcome.error.description.c_str()));
+        } else if (!outcome.strayPath.empty()) {
             strayed = true;
             QVNotificationCenter::defaultCenter().postAlert(
-                QVFormat("The original folder '%s' could not be placed in the Trash and is now at:\n\n%s",
-                         name.c_str(), outcome->strayPath.c_str()),
+                QVFormat("The original folder '%s' could not be placed in the Trash and is now at:\n\n%s", name.c_str(),
+                         outcome.strayPath.c_str()),
                 true);
         }
     }

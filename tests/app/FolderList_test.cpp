@@ -156,11 +156,11 @@ TEST_F(FolderListTest, ListenersHearEveryChangeOfTheRowsAndRestoreNeedsItsMaker)
     list.search("x");
     EXPECT_EQ(heard, 5) << "a removed listener hears nothing";
 
-    EXPECT_TRUE(list.decryptFolderOfFolderFace(list.faces()[0]));
+    EXPECT_NE(list.restoreFolderFace(list.faces()[0]), nullptr);
     EXPECT_EQ(tasks(), std::vector<std::string>{"decrypt C"});
     list.setTaskMakers({});
     EXPECT_FALSE(list.canDecrypt());
-    EXPECT_FALSE(list.decryptFolderOfFolderFace(list.faces()[0]));
+    EXPECT_EQ(list.restoreFolderFace(list.faces()[0]), nullptr);
 }
 
 TEST_F(FolderListTest, AnImportedImageGetsAFolderOfItsOwnAtTheEndAndItsTask) {

@@ -199,7 +199,7 @@ bool FolderListScreen::searchKey(QKeyEvent* key) {
         // be made); without one it edits the search text.
         QVRecordRef face = list.selectedFolderFace();
         if (!face) return false;
-        if (list.canDecrypt()) list.decryptFolderOfFolderFace(face);
+        if (list.canDecrypt()) list.restoreFolderFace(face);
         return true;
     }
     case Qt::Key_Escape:
@@ -285,7 +285,7 @@ void FolderListScreen::showContextMenu(const QPoint& where) {
     menu.addAction(tr("Information"), this, [this, face] { showInfo(face); });
     menu.addAction(tr("Show in File Manager"), this, [path] { QVRevealInFileManager({path}); });
     QAction* restore =
-        menu.addAction(tr("Restore Folder"), this, [face] { FolderList::singleton().decryptFolderOfFolderFace(face); });
+        menu.addAction(tr("Restore Folder"), this, [face] { FolderList::singleton().restoreFolderFace(face); });
     restore->setEnabled(idle && list.canDecrypt());
     menu.addSeparator();
     QAction* remove = menu.addAction(tr("Force Remove…"), this, [this, face] {
