@@ -89,6 +89,7 @@ class ScreensTest : public QObject {
         step->repeatField()->setText("Correct-Horse.7");
         capture(assistant, "assistant-password-strong-" + theme);
         assistant->nextButton()->click();
+        QTRY_VERIFY_WITH_TIMEOUT(!step->isWorking(), 30000);
         capture(assistant, "assistant-finished-" + theme);
         delete assistant.data();
         QVSetupAssistant::setDefaultDatabase(nullptr);
