@@ -120,7 +120,9 @@ bool AppDelegate::applicationDidFinishLaunching(int* exitCode) {
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
     validateUserInterfaceItems();
     // A moment for the tray host to place the icon, so the panel opens beside it.
-    if (mode_ == ShellMode::Panel && showPanelAtStart_) QTimer::singleShot(300, this, &AppDelegate::displayPopover);
+    // On a first run the assistant comes alone; the panel follows it (firstRun).
+    if (mode_ == ShellMode::Panel && showPanelAtStart_ && launch.databaseExisted)
+        QTimer::singleShot(300, this, &AppDelegate::displayPopover);
     return true;
 }
 
