@@ -47,7 +47,12 @@ waitFor() {
 }
 shot() {
   mkdir -p "$SHOTS"
-  xwd -root -silent | convert xwd:- png:"$SHOTS/$1.png" || fail "screenshot $1"
+  # The grab can fail while a window is being mapped: a moment later it works.
+  for _ in 1 2 3; do
+    xwd -root -silent 2>/dev/null | convert xwd:- png:"$SHOTS/$1.png" 2>/dev/null && break
+    sleep 0.5
+  done
+  test -s "$SHOTS/$1.png" || fail "screenshot $1"
   step "saved $SHOTS/$1.png"
 }
 
@@ -85,8 +90,18 @@ clickIn() {
   local window; window=$(panel)
   xdotool mousemove --window "$window" "$1" "$2" click 1
 }
+# The floating panels stack at the top right, over the row: a click takes each away.
+dismissPanels() {
+  for _ in 1 2 3; do
+    xdotool mousemove 1100 70 click 1
+    sleep 0.3
+    xdotool mousemove 1100 190 click 1
+    sleep 0.3
+  done
+}
 # The lock control of the first row: at the right end of the row, below the search field.
 clickFirstLock() {
+  dismissPanels
   local width; width=$(xdotool getwindowgeometry --shell "$(panel)" | sed -n 's/^WIDTH=//p')
   clickIn $((width - ROW_LOCK_RIGHT)) "$ROW_LOCK_Y"
 }
@@ -183,6 +198,7 @@ clickFirstLock
 sleep 3
 shot 11-busy-panel
 mounted "$FOLDER" || fail "a busy folder was locked"
+grep -q "Application sleep prevented" "$WORK/quillvane.log" || fail "the busy lock did not name the holding program"
 kill "$HOLDER"
 waitFor 10 bash -c "! kill -0 $HOLDER"
 
