@@ -163,8 +163,12 @@ shot 06-chooser
 xdotool key Return
 waitFor 3 bash -c "! xdotool search --onlyvisible --name 'Choose a Folder'" || xdotool key Return
 waitFor 5 bash -c "! xdotool search --onlyvisible --name 'Choose a Folder'" || fail "the chooser did not take the path"
-sleep 0.5
-shot 07-encrypting
+# A few moments of the encryption, the progress on the row.
+for n in 1 2 3 4; do
+  sleep 1
+  grep -q "original folder has been placed in the Trash" "$WORK/quillvane.log" && break
+  shot "07-encrypting-$n"
+done
 waitFor 120 grep -q "original folder has been placed in the Trash" "$WORK/quillvane.log" ||
   fail "the folder was not encrypted: $(tail -20 "$WORK/quillvane.log")"
 sleep 2
