@@ -78,7 +78,7 @@ tint2 -c "$(dirname "$0")/tint2rc" >"$WORK/tint2.log" 2>&1 &
 PIDS+=($!)
 dunst >"$WORK/dunst.log" 2>&1 &
 PIDS+=($!)
-waitFor 10 xdotool search --classname tint2 || fail "tint2 did not come up"
+waitFor 30 xdotool search --classname tint2 || fail "tint2 did not come up"
 
 PASSWORD='Correct-Horse.7 e2e'
 FOLDER=$HOME/Secrets
@@ -90,7 +90,8 @@ clickIn() {
   local window; window=$(panel)
   xdotool mousemove --window "$window" "$1" "$2" click 1
 }
-# The floating panels stack at the top right, over the row: a click takes each away.
+# The notices (dunst's, or the floating panels) stack at the top right, over
+# the row: a click takes each away.
 dismissPanels() {
   for _ in 1 2 3; do
     xdotool mousemove 1100 70 click 1
@@ -193,7 +194,7 @@ if ! mounted "$FOLDER"; then
 fi
 test -f "$FOLDER/note.txt" || fail "the files are not in the unlocked folder"
 
-step "a busy folder does not lock; a panel names the program holding it"
+step "a busy folder does not lock; the notice names the program holding it"
 (cd "$FOLDER" && exec sleep 600) &
 HOLDER=$!
 PIDS+=($HOLDER)
