@@ -8,6 +8,7 @@
 #include "app/ScriptingBus.h"
 #include "toolkit/Log.h"
 #include "ui/shell/AppDelegate.h"
+#include "ui/shell/DarkPalette.h"
 #include "ui/shell/ScriptingService.h"
 #include "ui/shell/ShellIcons.h"
 #include "ui/shell/Termination.h"
@@ -20,6 +21,11 @@ int main(int argc, char** argv) {
     QApplication::setApplicationDisplayName(QStringLiteral("Quillvane"));
     QApplication::setDesktopFileName(QStringLiteral("quillvane"));
     QApplication::setWindowIcon(qv::ui::shellIcon(qv::ui::ShellIcon::Application));
+    // --dark (not in the help): the dark palette on any desktop, to look at the screens in it.
+    if (QApplication::arguments().contains(QStringLiteral("--dark"))) {
+        QApplication::setStyle(QStringLiteral("Fusion"));
+        QApplication::setPalette(qv::ui::darkPalette());
+    }
 
     qv::ui::AppDelegate delegate;
     qv::ui::ScriptingService service([&delegate] { return delegate.dbmaster(); }, [&delegate] { delegate.reopen(); });

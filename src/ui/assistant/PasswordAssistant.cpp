@@ -11,7 +11,8 @@
 #include "ui/assistant/MatchMark.h"
 #include "ui/assistant/PasswordStrength.h"
 #include "ui/assistant/QVSetupAssistant.h"
-#include "vault/QVCrypto.h"
+#include "ui/shell/OffMainThread.h"
+#include "ui/shell/SecretText.h"
 
 namespace qv::ui {
 
@@ -145,29 +146,71 @@ void PasswordAssistant::nextPressed() {
     createSetAndGoOn();
 }
 
+// What the worker found: the password already opens a set, or the new set was
+// added and saved, or the error of the step that failed.
+struct FirstSetOutcome {
+    bool inUse = false;
+    bool added = false;
+    bool saved = false;
+    QVError error;
+};
+
+namespace {
+
+FirstSetOutcome makeFirstSet(const DBMasterRef& master, const std::string& pass) {
+    FirstSetOutcome outcome;
+    outcome.inUse = master->subDBCount() > 0 && master->hasSubDbWithPassword(pass);
+    if (outcome.inUse) return outcome;
+    DBSubdbRef subdb = DBSubdb::subdbWithFolders({}, pass);
+    outcome.added = master->addSubDB(subdb, false, &outcome.error);
+    outcome.saved = outcome.added && subdb->save(&outcome.error);
+    return outcome;
+}
+
+} // namespace
+
+void PasswordAssistant::setWorking(bool working) {
+    working_ = working;
+    password_->setEnabled(!working);
+    repeat_->setEnabled(!working);
+    controller()->nextButton()->setEnabled(!working);
+    controller()->prevButton()->setEnabled(!working);
+    if (cancel_) cancel_->setEnabled(!working);
+    if (working)
+        QApplication::setOverrideCursor(Qt::WaitCursor);
+    else
+        QApplication::restoreOverrideCursor();
+}
+
 void PasswordAssistant::createSetAndGoOn() {
+    if (working_) return;
     DBMasterRef master = controller()->database();
     if (!master) fail(tr("create"), "There is no master database.");
-    std::string pass = password_->text().toStdString();
-    QVWipeOnExit wipe(pass);
-    QApplication::setOverrideCursor(Qt::WaitCursor);
-    const bool inUse = master->subDBCount() > 0 && master->hasSubDbWithPassword(pass);
-    QApplication::restoreOverrideCursor();
-    if (inUse) {
+    // Both the check and the new set derive keys, a second or more each: on a
+    // worker, so that the window keeps drawing.
+    setWorking(true);
+    auto secret = std::make_shared<SecretText>(password_->text());
+    runOffMainThread<std::shared_ptr<FirstSetOutcome>>(
+        this,
+        [master, secret] {
+            auto outcome = std::make_shared<FirstSetOutcome>(makeFirstSet(master, secret->text()));
+            secret->wipe();
+            return outcome;
+        },
+        [this](const std::shared_ptr<FirstSetOutcome>& outcome) { firstSetMade(*outcome); });
+}
+
+void PasswordAssistant::firstSetMade(const FirstSetOutcome& outcome) {
+    setWorking(false);
+    if (outcome.inUse) {
         showSheet(QMessageBox::Warning, tr("Password in use"),
                   tr("Quillvane found an existing SubDatabase with the same password. Please change your password "
                      "to create a new SubDatabase"),
                   tr("Close"), {}, [this](bool) { stayOnPassword(); });
         return;
     }
-    QApplication::setOverrideCursor(Qt::WaitCursor);
-    DBSubdbRef subdb = DBSubdb::subdbWithFolders({}, pass);
-    QVError error;
-    const bool added = master->addSubDB(subdb, false, &error);
-    const bool saved = added && subdb->save(&error);
-    QApplication::restoreOverrideCursor();
-    if (!added) fail(tr("create"), error.description);
-    if (!saved) fail(tr("save"), error.description);
+    if (!outcome.added) fail(tr("create"), outcome.error.description);
+    if (!outcome.saved) fail(tr("save"), outcome.error.description);
     controller()->setObject(QVSetupAssistant::kSetCreatedKey, true);
     password_->clear();
     repeat_->clear();

@@ -11,6 +11,7 @@
 namespace qv::ui {
 
 class MatchMark;
+struct FirstSetOutcome;
 
 class PasswordAssistant : public QVBaseAssistant {
     Q_OBJECT
@@ -31,6 +32,8 @@ public:
     // Shown only when the second field holds something; whether it says "match".
     bool matchShown() const;
     bool matchSaysEqual() const;
+    // While the first set is being checked and made on a worker thread.
+    bool isWorking() const { return working_; }
 
     // The colours of the three levels in the live text.
     static QColor levelColor(int score);
@@ -39,6 +42,9 @@ private:
     void passwordChanged();
     // Creates the set and goes on; the sheets of the checks before come first.
     void createSetAndGoOn();
+    void setWorking(bool working);
+    // Back on the main thread with what the worker found.
+    void firstSetMade(const FirstSetOutcome& outcome);
     void stayOnPassword();
     [[noreturn]] void fail(const QString& verb, const std::string& description);
     void cancelPressed();
@@ -50,6 +56,7 @@ private:
     MatchMark* match_ = nullptr;
     QPushButton* cancel_ = nullptr;
     bool cancellable_ = false;
+    bool working_ = false;
 };
 
 } // namespace qv::ui

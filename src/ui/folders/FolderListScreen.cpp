@@ -16,6 +16,8 @@
 #include <QVBoxLayout>
 
 #include "app/FolderList.h"
+#include "app/FolderTaskMark.h"
+#include "app/InterruptedWork.h"
 #include "disk/DesktopOpen.h"
 #include "tasks/BaseFolderTask.h"
 #include "ui/folders/FolderIcons.h"
@@ -287,6 +289,10 @@ void FolderListScreen::showContextMenu(const QPoint& where) {
     QAction* restore =
         menu.addAction(tr("Restore Folder"), this, [face] { FolderList::singleton().restoreFolderFace(face); });
     restore->setEnabled(idle && list.canDecrypt());
+    if (QVIsUnfinishedEncryption(face)) {
+        QAction* again = menu.addAction(tr("Encrypt Again"), this, [this, face] { encryptAgain(face); });
+        again->setEnabled(idle);
+    }
     menu.addSeparator();
     QAction* remove = menu.addAction(tr("Force Remove…"), this, [this, face] {
         FolderQuestions questions(this);
@@ -294,6 +300,29 @@ void FolderListScreen::showContextMenu(const QPoint& where) {
     });
     remove->setEnabled(idle);
     menu.exec(view_->viewport()->mapToGlobal(where));
+}
+
+void FolderListScreen::encryptAgain(const QVRecordRef& face) {
+    FolderRef folder{FolderFaceRef{face}.folder().as<QVRecord>()};
+    const QString path = QString::fromStdString(folder.mountpoint().toURLPath());
+    UnfinishedEncryption settled;
+    QVError error;
+    {
+        // The same settling as `qv encrypt`, under the folder's mark so that no
+        // other process works on it meanwhile; the new encryption takes its own.
+        auto mark = FolderTaskMark::hold(folder.uuid().toString());
+        if (!mark) {
+            showFolderRefusal(this, tr("Folder busy"),
+                              tr("Another Quillvane process is working on %1.").arg(QFileInfo(path).fileName()));
+            return;
+        }
+        settled = QVSettleUnfinishedEncryption(face, &error);
+    }
+    if (settled == UnfinishedEncryption::Failed)
+        showFolderRefusal(this, tr("Bad folder"), QString::fromStdString(error.description));
+    else if (settled == UnfinishedEncryption::StartOver)
+        bringFolderIn(this, path);
+    refresh();
 }
 
 // ---------------------------------------------------------------------- drops

@@ -52,6 +52,9 @@ private:
     void rowAction(const QModelIndex& index);
     void showInfo(const QVRecordRef& face);
     void showContextMenu(const QPoint& where);
+    // "Encrypt Again" of a folder whose encryption never finished: settled as
+    // the disk tells, and encrypted afresh from its untouched original.
+    void encryptAgain(const QVRecordRef& face);
 
     FolderListModel* model_;
     FolderView* rows_;

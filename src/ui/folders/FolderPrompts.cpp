@@ -2,15 +2,20 @@
 
 #include <QMessageBox>
 #include <QPointer>
+#include <QTimer>
 
 #include "notify/QVNotificationCenter.h"
 
 namespace qv::ui {
 
 void showFolderRefusal(QWidget* parent, const QString& title, const QString& text) {
-    QMessageBox box(QMessageBox::Warning, title, text, QMessageBox::Ok, parent);
-    box.setObjectName(QStringLiteral("folderRefusal"));
-    box.exec();
+    // A moment later, so that the alert stays out of the drop's own events and
+    // the drag source is not held while the user reads it.
+    QTimer::singleShot(kRefusalDelayMs, [guarded = QPointer<QWidget>(parent), title, text] {
+        QMessageBox box(QMessageBox::Warning, title, text, QMessageBox::Ok, guarded);
+        box.setObjectName(QStringLiteral("folderRefusal"));
+        box.exec();
+    });
 }
 
 bool askFolderYesNo(QWidget* parent, const QString& title, const QString& text, bool defaultYes) {

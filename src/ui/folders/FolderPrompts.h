@@ -7,7 +7,9 @@ class QWidget;
 
 namespace qv::ui {
 
-// A refusal or failure: a warning box with `title`, `text` and OK.
+// A refusal or failure: a warning box with `title`, `text` and OK, shown
+// kRefusalDelayMs later (the caller goes on at once).
+constexpr int kRefusalDelayMs = 200;
 void showFolderRefusal(QWidget* parent, const QString& title, const QString& text);
 
 // A blocking Yes/No question; `defaultYes` picks the default button.

@@ -20,12 +20,13 @@
 #include "notify/QVNotificationCenter.h"
 #include "tasks/TaskQueue.h"
 #include "toolkit/Log.h"
+#include "ui/folders/FolderListScreen.h"
 #include "ui/shell/ChangeMasterPassword.h"
 #include "ui/shell/CrashLog.h"
 #include "ui/shell/PasswordScreen.h"
-#include "ui/shell/Placeholders.h"
 #include "ui/shell/ShellContent.h"
 #include "ui/shell/ShellIcons.h"
+#include "ui/shell/ShellScreens.h"
 #include "ui/shell/StatusPanel.h"
 #include "ui/shell/UpgradeWindow.h"
 #include "ui/shell/WindowGeometry.h"
@@ -119,12 +120,14 @@ bool AppDelegate::applicationDidFinishLaunching(int* exitCode) {
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
     validateUserInterfaceItems();
     // A moment for the tray host to place the icon, so the panel opens beside it.
-    if (mode_ == ShellMode::Panel && showPanelAtStart_) QTimer::singleShot(300, this, &AppDelegate::displayPopover);
+    // On a first run the assistant comes alone; the panel follows it (firstRun).
+    if (mode_ == ShellMode::Panel && showPanelAtStart_ && launch.databaseExisted)
+        QTimer::singleShot(300, this, &AppDelegate::displayPopover);
     return true;
 }
 
 void AppDelegate::firstRun() {
-    showSetupAssistant(currentWindow(), [this](bool setCreated) {
+    showSetupAssistant(currentWindow(), master_, [this](bool setCreated) {
         if (!setCreated) return;
         QVError error;
         if (DBMasterRef reloaded = reloadMasterDB(&error)) master_ = reloaded;
@@ -274,6 +277,12 @@ void AppDelegate::changePasswordAction() {
     dialog->open();
 }
 
+void AppDelegate::addFolderAction() {
+    if (isLocked()) return;
+    reopen();
+    content_->folderListScreen()->addFolder();
+}
+
 void AppDelegate::folderNumberAction(int number) {
     if (!enableFolderNumber(number)) return;
     const QVRecordRef face = FolderList::singleton().faces()[size_t(number - 1)];
@@ -294,6 +303,7 @@ void AppDelegate::makeActions() {
     unlockAll_ = menu_->addAction(tr("&Unlock All Folders"), QKeySequence(tr("Ctrl+Shift+U")), this,
                                   &AppDelegate::unlockAllFoldersAction);
     changePassword_ = menu_->addAction(tr("&Change Password…"), this, &AppDelegate::changePasswordAction);
+    addFolder_ = menu_->addAction(tr("&Add Folder…"), QKeySequence(tr("Ctrl+O")), this, &AppDelegate::addFolderAction);
     menu_->addSeparator();
     for (int number = 1; number <= kNumberedFolders; ++number) {
         QAction* action = menu_->addAction(tr("Folder %1").arg(number), QKeySequence(tr("Ctrl+%1").arg(number)), this,
@@ -310,6 +320,7 @@ void AppDelegate::validateUserInterfaceItems() {
     lockAll_->setEnabled(lockAllEnabled());
     unlockAll_->setEnabled(unlockAllEnabled());
     changePassword_->setEnabled(FolderList::singleton().subdb() && !QApplication::activeModalWidget());
+    addFolder_->setEnabled(!isLocked() && !QApplication::activeModalWidget());
     const std::vector<QVRecordRef>& faces = FolderList::singleton().faces();
     for (int number = 1; number <= kNumberedFolders; ++number) {
         QAction* action = folderActions_[size_t(number - 1)];

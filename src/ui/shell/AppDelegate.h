@@ -68,6 +68,8 @@ public slots:
     void lockAllFoldersAction();
     void unlockAllFoldersAction();
     void changePasswordAction();
+    // The folder chooser of the folder list, over the panel or window.
+    void addFolderAction();
     // Toggles the lock of the folder at `number` (1 to 6) in the list.
     void folderNumberAction(int number);
     // A second start, `qv show`, the application menu: the window comes
@@ -102,6 +104,7 @@ private:
     QAction* lockAll_ = nullptr;
     QAction* unlockAll_ = nullptr;
     QAction* changePassword_ = nullptr;
+    QAction* addFolder_ = nullptr;
     std::vector<QAction*> folderActions_;
     std::unique_ptr<QVVolumeNotices> volumeNotices_;
     bool okToBackup_ = false;

@@ -5,8 +5,9 @@
 #include <QStackedWidget>
 #include <QVBoxLayout>
 
+#include "ui/folders/FolderListScreen.h"
 #include "ui/shell/PasswordScreen.h"
-#include "ui/shell/Placeholders.h"
+#include "ui/shell/ShellScreens.h"
 
 namespace qv::ui {
 

@@ -9,6 +9,7 @@ class QStackedWidget;
 
 namespace qv::ui {
 
+class FolderListScreen;
 class PasswordScreen;
 
 class ShellContent : public QWidget {
@@ -17,7 +18,7 @@ public:
     explicit ShellContent(QWidget* parent = nullptr);
 
     PasswordScreen* passwordScreen() const { return password_; }
-    QWidget* folderListScreen() const { return folders_; }
+    FolderListScreen* folderListScreen() const { return folders_; }
 
     // Whether the password screen is the one on show (the interface is locked).
     bool isLocked() const;
@@ -34,7 +35,7 @@ signals:
 private:
     QStackedWidget* stack_;
     PasswordScreen* password_;
-    QWidget* folders_;
+    FolderListScreen* folders_;
     QLabel* status_;
 };
 

@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QLineEdit>
 #include <QListView>
+#include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QSignalSpy>
@@ -109,6 +110,34 @@ class FolderListScreenTest : public QObject {
         QApplication::sendEvent(screen.get(), &drop);
         QTest::qWait(300);
         return seen;
+    }
+
+    // Opens the context menu of row `row`, gives back its entries and
+    // triggers `entry` if there is one; the refusal that may follow is
+    // answered, and its text is the second of the pair.
+    std::pair<QStringList, QString> menuAndAnswer(int row, const QString& entry) {
+        QStringList entries;
+        QString seen;
+        QTimer answering;
+        connect(&answering, &QTimer::timeout, [&] {
+            if (auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget())) {
+                QAction* chosen = nullptr;
+                for (QAction* action : menu->actions()) {
+                    if (action->isSeparator()) continue;
+                    entries << action->text();
+                    if (action->text() == entry && action->isEnabled()) chosen = action;
+                }
+                if (chosen) chosen->trigger();
+                menu->close();
+            } else if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+                seen = box->text();
+                box->close();
+            }
+        });
+        answering.start(20);
+        emit view()->customContextMenuRequested(view()->visualRect(model()->index(row)).center());
+        QTest::qWait(400);
+        return {entries, seen};
     }
 
 private slots:
@@ -316,6 +345,19 @@ private slots:
         QVERIFY(!dropAndAnswer(appData, QMessageBox::Yes).isEmpty());
         QCOMPARE(tasks(), QStringList{"encrypt AppData"});
         QCOMPARE(rows(), QString("Kept AppData"));
+    }
+
+    void anUnfinishedEncryptionIsOfferedAgainAndSettledFirst() {
+        auto subdb = show({"Done", "Half"});
+        FolderRef{FolderFaceRef{list.faces()[0]}.folder().as<QVRecord>()}.setEncrypted(Value(true));
+        QVERIFY(!menuAndAnswer(0, QString()).first.contains("Encrypt Again"));
+        // The original is gone (an empty folder stands) and no image was left:
+        // nothing to finish from, and the user is told where to look.
+        const auto [entries, refusal] = menuAndAnswer(1, "Encrypt Again");
+        QVERIFY(entries.contains("Encrypt Again"));
+        QVERIFY2(refusal.startsWith("The encryption of 'Half' never ended"), qPrintable(refusal));
+        QCOMPARE(tasks(), QStringList{});
+        QCOMPARE(rows(), QString("Done Half"));
     }
 };
 

@@ -11,32 +11,13 @@
 #include "ui/UiTestMain.h"
 #include "ui/folders/FolderInfoPage.h"
 #include "ui/folders/FolderListScreen.h"
+#include "ui/shell/DarkPalette.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
 #include "vault/UserDefaults.h"
 
 using namespace qv;
 using namespace qv::ui;
-
-namespace {
-
-QPalette darkPalette() {
-    QPalette p;
-    p.setColor(QPalette::Window, QColor(0x2b, 0x2b, 0x2e));
-    p.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::Base, QColor(0x1f, 0x1f, 0x22));
-    p.setColor(QPalette::AlternateBase, QColor(0x2b, 0x2b, 0x2e));
-    p.setColor(QPalette::Text, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::Button, QColor(0x35, 0x35, 0x38));
-    p.setColor(QPalette::ButtonText, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::Highlight, QColor(0x35, 0x84, 0xe4));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::PlaceholderText, QColor(0x90, 0x90, 0x90));
-    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x70, 0x70, 0x70));
-    return p;
-}
-
-} // namespace
 
 class FolderScreenshotsTest : public QObject {
     Q_OBJECT
