@@ -11,7 +11,8 @@ set -uo pipefail
 
 BIN=$(cd "$1" && pwd)
 SHOTS=$2
-for tool in Xvfb openbox tint2 dunst xdotool xwd dbus-daemon gdbus fusermount3; do
+BUS_CALL=$3
+for tool in Xvfb openbox tint2 dunst xdotool xwd dbus-daemon fusermount3; do
   command -v "$tool" >/dev/null || { echo "e2e: $tool is missing (scripts/install-deps.sh)"; exit 77; }
 done
 # A stand-in that is not ImageMagick answers anything but a version.
@@ -82,7 +83,6 @@ waitFor 30 xdotool search --classname tint2 || fail "tint2 did not come up"
 
 PASSWORD='Correct-Horse.7 e2e'
 FOLDER=$HOME/Secrets
-BUS=(--session --dest com.marrowfen.Quillvane3 --object-path /com/marrowfen/Quillvane3)
 mounted() { grep -q " $1 " /proc/self/mountinfo; }
 panel() { xdotool search --onlyvisible --name '^Quillvane$' | head -1; }
 # Clicks at x,y inside the panel or window.
@@ -208,12 +208,12 @@ kill "$HOLDER"
 waitFor 10 bash -c "! kill -0 $HOLDER"
 
 step "LockFolder and UnlockFolder over D-Bus"
-answer=$(gdbus call "${BUS[@]}" --method com.marrowfen.Quillvane3.LockFolder "$FOLDER" "$PASSWORD") ||
+answer=$(printf '%s\n' "$PASSWORD" | "$BUS_CALL" LockFolder "$FOLDER") ||
   fail "LockFolder: $answer"
 echo "e2e: LockFolder answered $answer"
 [[ $answer == "(true,"* ]] || fail "LockFolder refused: $answer"
 waitFor 30 bash -c "! grep -q ' $FOLDER ' /proc/self/mountinfo" || fail "LockFolder left the folder mounted"
-answer=$(gdbus call "${BUS[@]}" --method com.marrowfen.Quillvane3.UnlockFolder "$FOLDER" "$PASSWORD") ||
+answer=$(printf '%s\n' "$PASSWORD" | "$BUS_CALL" UnlockFolder "$FOLDER") ||
   fail "UnlockFolder: $answer"
 echo "e2e: UnlockFolder answered $answer"
 [[ $answer == "(true,"* ]] || fail "UnlockFolder refused: $answer"
