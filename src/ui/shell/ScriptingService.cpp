@@ -35,17 +35,20 @@ bool ScriptingService::LockFolder(const QString& mountpath, const QString& passw
 
 void ScriptingService::answerLater(const QString& mountpath, const QString& password, bool unlock) {
     setDelayedReply(true);
-    const QDBusMessage call = message();
+    // The reply is made now, so the call's message (which carries the password)
+    // is not kept alive for as long as the task runs.
+    QDBusMessage reply = message().createReply();
     QDBusConnection bus = connection();
     auto secret = std::make_shared<SecretText>(password);
     const DBMasterRef master = master_ ? master_() : nullptr;
     const std::string path = mountpath.toStdString();
     // The task waits on its own thread; the reply goes out from there.
-    detachBlock([call, bus, secret, master, path, unlock]() mutable {
+    detachBlock([reply, bus, secret, master, path, unlock]() mutable {
         const QVScriptAnswer answer = unlock ? QVUnlockFolderForScript(master, path, secret->text())
                                              : QVLockFolderForScript(master, path, secret->text());
         secret->wipe();
-        bus.send(call.createReply({answer.ok, QString::fromStdString(answer.message)}));
+        reply.setArguments({answer.ok, QString::fromStdString(answer.message)});
+        bus.send(reply);
     });
 }
 
