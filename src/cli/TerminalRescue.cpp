@@ -13,6 +13,7 @@
 #include "disk/RescueFrontEnd.h"
 #include "notify/NotificationConsole.h"
 #include "toolkit/PathText.h"
+#include "toolkit/WriteAll.h"
 #include "vault/QVCrypto.h"
 
 namespace qv::cli {
@@ -51,7 +52,7 @@ void showSecretOnTerminal(const std::string& title, const std::string& text) {
     }
     if (QVAskYesNo(tty, tty, "The clipboard can't take the disk image's password. Show it on this terminal?", false)) {
         std::string shown = "\n" + title + "\n\n" + text + "\n\n";
-        if (::write(tty, shown.data(), shown.size()) < 0) complain("couldn't write to the terminal");
+        if (QVWriteAll(tty, shown) != 0) complain("couldn't write to the terminal");
         QVWipe(shown);
     }
     ::close(tty);
