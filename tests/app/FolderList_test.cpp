@@ -10,6 +10,7 @@
 #include "disk/FolderState.h"
 #include "disk/StorageLocations.h"
 #include "support/QtApp.h"
+#include "support/OperationLog.h"
 #include "support/TempHome.h"
 #include "tasks/BaseFolderTask.h"
 #include "vault/DBSubdb.h"
@@ -50,19 +51,8 @@ protected:
     }
 
     // An operation that notes which task the list asked for, and of which folder.
-    OperationRef recording(const std::string& kind, const QVRecordRef& face) {
-        return BlockOperation::blockOperationWithVoidBlock([this, line = kind + " " + nameOf(face)] {
-            std::lock_guard lock(mutex);
-            queued.push_back(line);
-        });
-    }
-    std::vector<std::string> tasks() {
-        queue.waitUntilAllOperationsAreFinished();
-        std::lock_guard lock(mutex);
-        auto sorted = queued;  // the queue runs them side by side: the order is not theirs to keep
-        std::sort(sorted.begin(), sorted.end());
-        return sorted;
-    }
+    OperationRef recording(const std::string& kind, const QVRecordRef& face) { return log.note(kind + " " + nameOf(face)); }
+    std::vector<std::string> tasks() { return log.sorted(queue); }
     QVRecordRef folder(const std::string& name, int64_t position, bool makeDir = true) {
         if (makeDir) fs::create_directories(home.root() + "/" + name);
         QVRecordRef f = QVFolderCreate(storage, URLValue{home.root() + "/" + name});
@@ -84,8 +74,7 @@ protected:
     FolderList& list = FolderList::singleton();
     OperationQueue queue;
     QVRecordRef storage;
-    std::mutex mutex;
-    std::vector<std::string> queued;
+    test::OperationLog log;
 };
 
 TEST_F(FolderListTest, LoadingSortsByPositionAndRemovingLeavesTheSet) {

@@ -9,6 +9,7 @@
 
 #include "app/FolderList.h"
 #include "support/QtApp.h"
+#include "support/OperationLog.h"
 #include "support/TempHome.h"
 #include "vault/DBSubdb.h"
 #include "vault/Schemas.h"
@@ -27,11 +28,7 @@ protected:
         storage = QVStorageCreate("Default", URLValue{home.root() + "/storage"});
         list.setQueue(&queue);
         list.setStatTaskMaker([this](const QVRecordRef& face) {
-            const std::string path = QVFolderMountpointPath(FolderFaceRef{face}.folder().as<QVRecord>());
-            return BlockOperation::blockOperationWithVoidBlock([this, path] {
-                std::lock_guard lock(mutex);
-                measured.push_back(path);
-            });
+            return log.note(QVFolderMountpointPath(FolderFaceRef{face}.folder().as<QVRecord>()));
         });
         std::vector<QVRecordRef> folders;
         for (const char* name : {"Volume", "Volume/Inner", "Volume/Deeper/Inside", "VolumeTwin"}) {
@@ -50,20 +47,13 @@ protected:
         QCoreApplication::processEvents();
         return FolderFaceRef{QVFaceOnShowWithMountpoint(home.root() + "/" + name)}.locked().toBool();
     }
-    std::vector<std::string> measuredSorted() {
-        queue.waitUntilAllOperationsAreFinished();
-        std::lock_guard lock(mutex);
-        auto out = measured;
-        std::sort(out.begin(), out.end());
-        return out;
-    }
+    std::vector<std::string> measuredSorted() { return log.sorted(queue); }
 
     test::TempHome home;
     FolderList& list = FolderList::singleton();
     OperationQueue queue;
     QVRecordRef storage;
-    std::mutex mutex;
-    std::vector<std::string> measured;
+    test::OperationLog log;
 };
 
 TEST_F(VolumeNoticesTest, TheFaceAtTheVolumeFollowsItAndFacesBelowAreMeasured) {
